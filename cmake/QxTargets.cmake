@@ -1,0 +1,61 @@
+# How every target of this project is compiled: one interface target for warnings, one for sanitizers and coverage, and
+# a function that makes a library the way both of ours are made.
+
+add_library(qx_warnings INTERFACE)
+target_compile_options(qx_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wcast-qual -Wformat=2 -Wundef
+  -Wdouble-promotion -Wnull-dereference -Wvla
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wlogical-op>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wuseless-cast>
+  $<$<BOOL:${QXDICT_WERROR}>:-Werror>)
+
+add_library(qx_instrumentation INTERFACE)
+if(QXDICT_SANITIZE)
+  target_compile_options(qx_instrumentation INTERFACE
+    -fsanitize=${QXDICT_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(qx_instrumentation INTERFACE -fsanitize=${QXDICT_SANITIZE})
+endif()
+if(QXDICT_COVERAGE)
+  target_compile_options(qx_instrumentation INTERFACE --coverage)
+  target_link_options(qx_instrumentation INTERFACE --coverage)
+endif()
+
+# Assertions are behaviour: no build type may define NDEBUG.
+foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
+  foreach(language C CXX)
+    string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${type} "${CMAKE_${language}_FLAGS_${type}}")
+  endforeach()
+endforeach()
+
+# qx_shared_library(NAME SOURCES source... [LINK library...])
+#
+# Compiles the sources once, position independent and with hidden visibility, and makes of them NAME, the shared library
+# that is installed, and NAME_internal, an archive for tests of what is not exported.
+function(qx_shared_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name}_objects OBJECT ${arg_SOURCES})
+  target_compile_features(${name}_objects PUBLIC cxx_std_20 c_std_11)
+  set_target_properties(${name}_objects PROPERTIES
+    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON CXX_EXTENSIONS OFF)
+  target_compile_options(${name}_objects PRIVATE -fno-exceptions -fno-rtti -fno-semantic-interposition)
+  target_include_directories(${name}_objects PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_link_libraries(${name}_objects PUBLIC ${arg_LINK} PRIVATE qx_warnings qx_instrumentation)
+
+  add_library(${name} SHARED)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:${name}_objects> qx_instrumentation PUBLIC ${arg_LINK})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/qxdict>)
+  target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now)
+  if(QXDICT_SANITIZE)
+    # clang leaves the sanitizer runtime to the executable.
+    target_link_options(${name} PRIVATE -Wl,-z,undefs)
+  endif()
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE CXX)
+  add_library(qxdict::${name} ALIAS ${name})
+
+  add_library(${name}_internal STATIC EXCLUDE_FROM_ALL)
+  target_link_libraries(${name}_internal PUBLIC ${name}_objects qx_instrumentation)
+endfunction()
