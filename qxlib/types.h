@@ -23,7 +23,7 @@
 #define QX_API __attribute__((visibility("default")))
 
 /** Checks a printf-style format, argument `format`, against the arguments from `first` on. */
-#define QX_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define QX_PRINTF(format, first) __attribute__((__format__(__printf__, format, first)))
 
 #ifndef TRUE
 #define TRUE 1
