@@ -1,0 +1,259 @@
+// The node array of the ordered dictionaries, and everything that does not depend on how a tree is kept in balance:
+// creation, slots, growth, search, enumeration.
+//
+//   d_nodes  [ 0 sentinel | 1 header | 2 ... keys and released slots ... | d_free ... never used ... ]  d_capacity
+//   slots
+//              links 0      n_right: root    n_right, n_left: children
+//              key: last    n_left:  0       n_right of a released slot: the next one, 0 ends the list at d_list
+//              searched     key:     0
+//
+//   n_right, n_left  [ bit 31: flag | bits 30-0: index, 0 is no child ]
+//
+// The flags belong to the balancing: a tree hides the balance or the colour of a node in them. A write of a link keeps
+// them, a read masks them. The sentinel holds the searched key, so a search that falls off the tree stops there and
+// needs no test for a missing child. The header is the parent of the root, so a change of root is a change of a link.
+//
+// A tree is told to these templates by a traits record:
+//
+//   Dict, Node, Key, Value         the public types
+//   kModule                        "dict/avlldict", in messages and assertions
+//   kMaxHeight                     the most levels that a tree of 31-bit indices can have
+//   ReportMapping, ReportGrowth    functions of a byte size: the messages for memory that cannot be had
+
+#ifndef DICT_NODE_TREE_H
+#define DICT_NODE_TREE_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstring>
+
+#include "dict/report.h"
+#include "qxlib/misc.h"
+
+namespace tree {
+
+using Index = UInt;
+
+constexpr Index kFlag = Index{1} << 31;
+constexpr Index kIndexMask = kFlag - 1;
+
+constexpr Index kSentinel = 0;  // as a link: no child
+constexpr Index kHeader = 1;
+constexpr Index kFirstFree = 2;
+constexpr Index kMinCapacity = 1024;
+constexpr Index kMaxSlots = kIndexMask + 1;  // indices 0 to 2^31 - 1
+constexpr Index kMaxKeys = kMaxSlots - kFirstFree;
+
+enum class Side { kRight, kLeft };
+
+constexpr Side Other(Side side) { return side == Side::kLeft ? Side::kRight : Side::kLeft; }
+
+template <Side side, typename Node>
+auto& Word(Node& node) {
+  if constexpr (side == Side::kLeft) {
+    return node.n_left;
+  } else {
+    return node.n_right;
+  }
+}
+
+template <Side side, typename Node>
+Index Child(const Node& node) {
+  return Word<side>(node) & kIndexMask;
+}
+
+template <Side side, typename Node>
+void SetChild(Node& node, Index child) {
+  Word<side>(node) = (Word<side>(node) & kFlag) | child;
+}
+
+// Replaces a child, on whichever side it is.
+template <typename Node>
+void ReplaceChild(Node& node, Index old, Index child) {
+  if (Child<Side::kLeft>(node) == old) {
+    SetChild<Side::kLeft>(node, child);
+  } else {
+    SetChild<Side::kRight>(node, child);
+  }
+}
+
+// The child on the side where `v` belongs. The link is chosen by its address: a branch here would be guessed wrong at
+// every other level.
+template <typename Node, typename Key>
+Index Toward(const Node& node, Key v) {
+  static_assert(offsetof(Node, n_right) == 0 && offsetof(Node, n_left) == sizeof(Index));
+  const size_t offset = v < node.n_key ? sizeof(Index) : 0;
+  Index word;
+  std::memcpy(&word, reinterpret_cast<const char*>(&node) + offset, sizeof word);
+  return word & kIndexMask;
+}
+
+template <typename Dict>
+Index Root(const Dict* dict) {
+  return Child<Side::kRight>(dict->d_nodes[kHeader]);
+}
+
+// The way from the header down to a node. Room for every valid tree: all its levels, the header above them, the
+// sentinel or a new node below, and one node more, which the red-black repair slips in. A longer way means that
+// somebody wrote into the array, or changed the tree while it was enumerated; there is no going on from there.
+template <typename T>
+class Path {
+ public:
+  void Push(Index x) {
+    if (size_ == nodes_.size()) [[unlikely]] {
+      QX_DIE_IN(T::kModule, "Push", "a path in the tree has more than %zu nodes: the tree is damaged", nodes_.size());
+    }
+    nodes_[size_++] = x;
+  }
+  Index Pop() { return nodes_[--size_]; }
+  Index Top() const { return nodes_[size_ - 1]; }
+  Index Below(size_t depth) const { return depth < size_ ? nodes_[size_ - 1 - depth] : kSentinel; }
+  void ReplaceTop(Index x) { nodes_[size_ - 1] = x; }
+  size_t Size() const { return size_; }
+  bool Empty() const { return size_ == 0; }
+
+ private:
+  std::array<Index, T::kMaxHeight + 3> nodes_;
+  size_t size_ = 0;
+};
+
+template <typename T>
+size_t ByteSize(Index capacity) {
+  return size_t{capacity} * sizeof(typename T::Node);
+}
+
+// Empties the tree. Slots other than the sentinel and the header, and these two's values, keep what they hold.
+template <typename T>
+void Clear(typename T::Dict* dict) {
+  dict->d_free = kFirstFree;
+  dict->d_size = 0;
+  dict->d_list = 0;
+  for (const Index x : {kSentinel, kHeader}) {
+    dict->d_nodes[x].n_right = 0;
+    dict->d_nodes[x].n_left = 0;
+  }
+  dict->d_nodes[kHeader].n_key = 0;
+}
+
+template <typename T>
+typename T::Dict* New(UInt capacity) {
+  using Node = typename T::Node;
+  capacity = std::max(capacity, kMinCapacity);
+  void* nodes = capacity <= kMaxSlots ? MemoryMap_(ByteSize<T>(capacity), T::kModule, __LINE__) : nullptr;
+  if (nodes == nullptr) {
+    T::ReportMapping(ByteSize<T>(capacity));
+    return nullptr;
+  }
+  auto* dict = static_cast<typename T::Dict*>(Allocate_(sizeof(typename T::Dict), nullptr, T::kModule, __LINE__));
+  dict->d_nodes = static_cast<Node*>(nodes);
+  dict->d_capacity = capacity;
+  Clear<T>(dict);
+  return dict;
+}
+
+template <typename T>
+void Delete(typename T::Dict* dict) {
+  if (dict->d_nodes != nullptr) MemoryUnmap_(dict->d_nodes, ByteSize<T>(dict->d_capacity), T::kModule, __LINE__);
+  UnAllocate_(dict, T::kModule, __LINE__);
+}
+
+// Doubles the array. When memory is gone, or indices would pass 31 bits (the doubled capacity wraps to 0 there), there
+// is no place for the key and no result that could say so: the process ends.
+template <typename T>
+void Grow(typename T::Dict* dict) {
+  const Index capacity = 2 * dict->d_capacity;
+  void* nodes = nullptr;
+  if (dict->d_free < kMaxSlots && capacity > dict->d_capacity) {
+    nodes = MemoryRemap_(dict->d_nodes, ByteSize<T>(dict->d_capacity), ByteSize<T>(capacity), T::kModule, __LINE__);
+  }
+  if (nodes == nullptr) {
+    T::ReportGrowth(ByteSize<T>(capacity));
+    QX_DIE_IN(T::kModule, "NodeNew", "no room for another key beside %u", dict->d_size);
+  }
+  dict->d_nodes = static_cast<typename T::Node*>(nodes);
+  dict->d_capacity = capacity;
+}
+
+// Takes a slot for a new key: the one released last, else the first that was never used.
+template <typename T>
+Index NodeNew(typename T::Dict* dict, typename T::Key key, typename T::Value value) {
+  Index x = dict->d_list;
+  if (x != 0) {
+    dict->d_list = Child<Side::kRight>(dict->d_nodes[x]);
+  } else {
+    if (dict->d_free >= std::min(dict->d_capacity, kMaxSlots)) Grow<T>(dict);
+    x = dict->d_free++;
+  }
+  dict->d_size++;
+  dict->d_nodes[x] = {0, 0, key, value};
+  return x;
+}
+
+// Releases a slot. It keeps its flags, its left link, its key and its value until it is taken again.
+template <typename T>
+void NodeDelete(typename T::Dict* dict, Index x) {
+  dict->d_size--;
+  SetChild<Side::kRight>(dict->d_nodes[x], dict->d_list);
+  dict->d_list = x;
+}
+
+// Searches for a key and calls `passed` with every node on the way whose key is another, the sentinel excepted. Gives
+// the key's node, or the sentinel.
+template <typename T, typename Passed>
+Index Search(typename T::Dict* dict, typename T::Key v, Passed passed) {
+  typename T::Node* nodes = dict->d_nodes;
+  nodes[kSentinel].n_key = v;
+  Index x = Root(dict);
+  while (nodes[x].n_key != v) {
+    passed(x);
+    x = Toward(nodes[x], v);
+  }
+  return x;
+}
+
+template <typename T>
+Index Search(typename T::Dict* dict, typename T::Key v) {
+  return Search<T>(dict, v, [](Index) {});
+}
+
+template <typename T>
+typename T::Value Find(typename T::Dict* dict, typename T::Key v, typename T::Value n) {
+  const Index x = Search<T>(dict, v);
+  return x != kSentinel ? dict->d_nodes[x].n_value : n;
+}
+
+// Walks the tree in order, the nodes on the `first` side of each before it, over a path of its own. The array is read
+// anew after every call.
+template <typename T, Side first, typename Fun>
+Boolean Walk(typename T::Dict* dict, Fun fun, void* arg) {
+  Path<T> path;
+  Index x = Root(dict);
+  for (;;) {
+    for (; x != 0; x = Child<first>(dict->d_nodes[x])) path.Push(x);
+    if (path.Empty()) return TRUE;
+    x = path.Pop();
+    if (!fun(dict, dict->d_nodes[x].n_key, dict->d_nodes[x].n_value, arg)) return FALSE;
+    x = Child<Other(first)>(dict->d_nodes[x]);
+  }
+}
+
+template <typename T, typename Fun>
+Boolean Enumerate(typename T::Dict* dict, Boolean reverse, Fun fun, void* arg) {
+  return reverse ? Walk<T, Side::kRight>(dict, fun, arg) : Walk<T, Side::kLeft>(dict, fun, arg);
+}
+
+// What a checker may spend, so that damaged links can neither hang it nor lead it out of the array: no tree has more
+// nodes than slots, and none that is anywhere near balanced has this many levels.
+struct CheckLimit {
+  static constexpr unsigned kDepth = 256;
+
+  Index slots;
+  Index visited = 0;
+
+  bool Allows(Index x, unsigned depth) { return depth < kDepth && x < slots && visited++ < slots; }
+};
+
+}  // namespace tree
+
+#endif
