@@ -1,0 +1,232 @@
+// HashTable: its memory, look-up, insertion and growth.
+//
+// A slot array of heap offsets beside a heap of entries (heap_entry.h has their layout). A key is looked for from the
+// slot that its hash names on, slot after slot, until a slot is empty; at most two slots of three are taken.
+//
+//   t_entries  [ ---- | 48 | 0 | ---- | 16 ]      ---- is kEmptySlot; S slots, S prime
+//   t_data     [ entry 0 ][ entry 16 ][ entry 48 ].....
+//
+// Slots follow from the hashes and the order of insertion alone, never from the history of growth: growing places the
+// heap's entries one after another into an empty array. Files carry slots, so this order is part of the format.
+
+#include "dict/hashtable.h"
+
+#include <cstring>
+
+#include "dict/hashtable_internal.h"
+#include "dict/heap_entry.h"
+#include "dict/report.h"
+#include "qxlib/misc.h"
+
+static_assert(offsetof(HashTable, t_data) == 24 && offsetof(HashTable, t_entries) == 32);
+static_assert(offsetof(HashTable, t_data_used) == 40 && offsetof(HashTable, t_data_size) == 48);
+static_assert(offsetof(HashTable, t_entries_capacity) == 56 && offsetof(HashTable, t_entries_used) == 60);
+static_assert(offsetof(HashTable, t_entries_size) == 64 && offsetof(HashTable, t_val_len) == 68);
+static_assert(offsetof(HashTable, t_selected) == 72 && offsetof(HashTable, t_key_size) == 76);
+static_assert(offsetof(HashTable, t_vm) == 77 && offsetof(HashTable, t_aligned) == 80);
+
+namespace hashtable {
+
+void* HashMalloc(const HashTable* table, size_t size, size_t nsize) {
+  const size_t bytes = size * nsize;
+  if (bytes == 0) return nullptr;
+  if (!table->t_vm) return Allocate_(bytes, nullptr, kModule, __LINE__);
+  void* block = MemoryMap_(bytes, kModule, __LINE__);
+  if (block == nullptr) QX_MESSAGE(qx::kFailure, TRUE, ":hashtable: memory allocation failed: size=%lu", bytes);
+  return block;
+}
+
+void* HashRealloc(const HashTable* table, size_t size, void* ptr, size_t osize, size_t nsize) {
+  QX_ASSERT(osize <= nsize);
+  const size_t bytes = size * nsize;
+  if (bytes == 0) return nullptr;
+  if (!table->t_vm) return Allocate_(bytes, ptr, kModule, __LINE__);
+  void* block =
+      ptr != nullptr ? MemoryRemap_(ptr, size * osize, bytes, kModule, __LINE__) : MemoryMap_(bytes, kModule, __LINE__);
+  if (block == nullptr) QX_MESSAGE(qx::kFailure, TRUE, ":hashtable: memory reallocation failed: size=%lu", bytes);
+  return block;
+}
+
+void HashFree(const HashTable* table, size_t size, void* ptr, size_t osize) {
+  if (ptr == nullptr) return;
+  if (!table->t_vm) {
+    UnAllocate_(ptr, kModule, __LINE__);
+  } else if (!MemoryUnmap_(ptr, size * osize, kModule, __LINE__)) {
+    QX_MESSAGE(qx::kFailure, TRUE, ":hashtable: memory deallocation failed: size=%lu", size * osize);
+  }
+}
+
+void EmptySlots(HashTable* table) {
+  if (table->t_entries_size == 0) return;
+  std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_entries_size);
+}
+
+void NoteSlotCount(HashTable* table) {
+  table->t_divisor = table->t_entries_size;
+  table->t_reciprocal = heap::Reciprocal(table->t_divisor);
+}
+
+}  // namespace hashtable
+
+namespace {
+
+using namespace hashtable;
+
+// What the shared insertion must know about this table.
+struct HashTableTraits {
+  using Table = HashTable;
+  static constexpr const char* kModule = hashtable::kModule;
+  static constexpr const char* kFindName = "HashTableFind";
+
+  static bool Padded(const HashTable& table) { return table.t_aligned != FALSE; }
+
+  static bool ResizeHeap(HashTable* table, size_t size) {
+    const size_t old = table->t_data_size;
+    auto* data = static_cast<UByte*>(HashRealloc(table, 1, table->t_data, old, size));
+    if (data == nullptr) return false;
+    if (!table->t_vm) std::memset(data + old, 0, size - old);  // files carry the whole heap
+    table->t_data = data;
+    table->t_data_size = size;
+    return true;
+  }
+
+  static void CheckPlace(const HashTable& table, size_t entry) {
+    if (table.t_aligned && entry % sizeof(void*) != 0) {
+      qxassert_("!table->t_aligned || (entry % sizeof(void*) == 0)", kModule, __LINE__);
+    }
+  }
+};
+
+int initialized = 0;
+
+// The slot where the search for a key with this hash starts; 0 when there are no slots.
+UInt StartSlot(const HashTable& table, UInt hash) {
+  if (table.t_divisor == table.t_entries_size) [[likely]] {
+    return heap::Remainder(hash, table.t_divisor, table.t_reciprocal);
+  }
+  return table.t_entries_size != 0 ? hash % table.t_entries_size : 0;
+}
+
+// The first empty slot from s on, or kEmptySlot when all are taken.
+UInt EmptySlotFrom(const HashTable& table, UInt s) {
+  for (UInt left = table.t_entries_size; left != 0; left--) {
+    if (table.t_entries[s] == heap::kEmptySlot) return s;
+    if (++s >= table.t_entries_size) s = 0;
+  }
+  return heap::kEmptySlot;
+}
+
+// Stores an entry's offset in a slot; false when there is no such slot.
+bool Occupy(HashTable* table, UInt s, UInt offset) {
+  if (s == heap::kEmptySlot) return false;
+  table->t_entries[s] = offset;
+  return true;
+}
+
+}  // namespace
+
+void QXDictInit(void) {
+  if (initialized == 0) initialized = 1;
+}
+
+UInt HashBytes(const UByte* bytes, UInt len) { return heap::HashKey(bytes, len); }
+
+HashTable* HashTableNew(UInt capacity, HashKeyFunction hash, HashValueFunction value, HashEqualFunction equal,
+                        UInt val_len, UByte key_size, Boolean vm) {
+  if (capacity > heap::kMaximumCapacity) {
+    QX_MESSAGE(qx::kFailure, FALSE, ":hashtable: capacity too large: capacity=%u", capacity);
+    return nullptr;
+  }
+  auto* table = static_cast<HashTable*>(Allocate_(sizeof(HashTable), nullptr, kModule, __LINE__));
+  *table = {};
+  table->t_hash = hash;
+  table->t_value = value;
+  table->t_equal = equal;
+  table->t_val_len = val_len;
+  table->t_key_size = key_size;
+  table->t_vm = vm != FALSE;
+  table->t_aligned = TRUE;
+  table->t_entries_capacity = std::max(capacity, heap::kMinimumCapacity);
+  table->t_entries_size = Prime(heap::SlotsFor(table->t_entries_capacity));
+  table->t_data_size = size_t{5} * table->t_entries_size;
+  NoteSlotCount(table);
+
+  table->t_entries = static_cast<UInt*>(HashMalloc(table, sizeof(UInt), table->t_entries_size));
+  if (table->t_entries != nullptr) table->t_data = static_cast<UByte*>(HashMalloc(table, 1, table->t_data_size));
+  if (table->t_data == nullptr) {
+    HashTableFree(table);
+    return nullptr;
+  }
+  EmptySlots(table);
+  if (!table->t_vm) std::memset(table->t_data, 0, table->t_data_size);
+  return table;
+}
+
+void HashTableFree(HashTable* table) {
+  HashFree(table, 1, table->t_data, table->t_data_size);
+  HashFree(table, sizeof(UInt), table->t_entries, table->t_entries_size);
+  UnAllocate_(table, kModule, __LINE__);
+}
+
+UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT(!table->t_selected);
+  QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
+
+  const UInt slots = table->t_entries_size;
+  UInt s = StartSlot(*table, hash);
+  UInt left = slots;  // a table from a file may have no empty slot for the search to end at
+  for (; left != 0; left--) {
+    const UInt entry = table->t_entries[s];
+    if (entry == heap::kEmptySlot) break;
+    if (heap::Matches(*table, entry, bytes, len, ptr)) {
+      if (offset != nullptr) *offset = entry;
+      return table->t_data + entry;
+    }
+    if (++s >= table->t_entries_size) s = 0;
+  }
+  if (left == 0 || !create || HashTableFull(table)) return nullptr;
+
+  size_t place;
+  if (!heap::Append<HashTableTraits>(table, bytes, len, ptr, &place)) return nullptr;
+  if (table->t_entries_size != slots) s = EmptySlotFrom(*table, StartSlot(*table, hash));  // the value callback grew it
+  const UInt entry = static_cast<UInt>(place);
+  if (!Occupy(table, s, entry)) return nullptr;
+  table->t_entries_used++;
+  if (offset != nullptr) *offset = entry;
+  return table->t_data + entry;
+}
+
+void HashTableGrow(HashTable* table, float factor, void* ptr) {
+  QX_ASSERT(!table->t_selected);
+  QX_ASSERT_TEXT(factor > 1.0F, "factor > 1.0");
+  UInt capacity;
+  if (!heap::ScaleCapacity(table->t_entries_capacity, factor, &capacity)) {
+    QX_MESSAGE(qx::kFailure, FALSE, ":hashtable: capacity too large: capacity=%u, factor=%g", table->t_entries_capacity,
+               static_cast<double>(factor));
+    return;
+  }
+  const UInt slots = Prime(heap::SlotsFor(capacity));
+  void* entries = HashRealloc(table, sizeof(UInt), table->t_entries, table->t_entries_size, slots);
+  if (entries == nullptr) return;
+  table->t_entries_capacity = capacity;
+  table->t_entries_size = slots;
+  table->t_entries = static_cast<UInt*>(entries);
+  NoteSlotCount(table);
+  EmptySlots(table);
+  heap::Rehash(
+      *table, table->t_entries, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
+      [&](UInt s, UInt entry) { return Occupy(table, EmptySlotFrom(*table, s), entry); });
+}
+
+UInt HashTableKey(const HashTable* table, const UByte* val, const UByte** bytes) {
+  return heap::KeyOf(*table, val, bytes);
+}
+
+UByte* HashTableGetOffset(const HashTable* table, UInt offset) { return table->t_data + offset; }
+
+UInt HashTableSize(const HashTable* table) { return table->t_entries_used; }
+
+UInt HashTableCapacity(const HashTable* table) { return table->t_entries_capacity; }
+
+Boolean HashTableFull(const HashTable* table) { return table->t_entries_used == table->t_entries_capacity; }
