@@ -110,6 +110,11 @@ class Path {
   Index Top() const { return nodes_[size_ - 1]; }
   Index Below(size_t depth) const { return depth < size_ ? nodes_[size_ - 1 - depth] : kSentinel; }
   void ReplaceTop(Index x) { nodes_[size_ - 1] = x; }
+  void InsertBelow(size_t depth, Index x) {
+    Push(kSentinel);
+    std::copy_backward(nodes_.begin() + size_ - 2 - depth, nodes_.begin() + size_ - 1, nodes_.begin() + size_);
+    nodes_[size_ - 2 - depth] = x;
+  }
   size_t Size() const { return size_; }
   bool Empty() const { return size_ == 0; }
 
@@ -251,7 +256,8 @@ struct CheckLimit {
   Index slots;
   Index visited = 0;
 
-  bool Allows(Index x, unsigned depth) { return depth < kDepth && x < slots && visited++ < slots; }
+  bool Holds(Index x) const { return x < slots; }
+  bool Allows(Index x, unsigned depth) { return depth < kDepth && Holds(x) && visited++ < slots; }
 };
 
 }  // namespace tree
