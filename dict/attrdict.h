@@ -1,0 +1,150 @@
+/**
+ * @file
+ * An attribute dictionary: one short byte string for each of the identifiers 0, 1, 2, ..., in a pair of files.
+ *
+ * It is written once, in the order of the identifiers, and read by mapping both files:
+ *
+ *     AttrDictBuild   AttrDictAdd, once an identifier   AttrDictCommit
+ *     AttrDictOpen    AttrDictGet, AttrDictEnumerate    AttrDictClose
+ *
+ * `<name>.dat` holds the strings, each behind a byte that is its length; `<name>.idx` holds the offset of every fourth
+ * string and, last, the number of strings. `docs/formats.md` has both byte by byte. The index is in the byte order of
+ * the machine that is to read it; nothing in it tells the order, so a pair that was written for the other one opens
+ * well and gives wrong answers.
+ *
+ * What a reader can rely on, whatever the files hold: it reads inside the two files and nowhere else. An identifier
+ * whose record would lie outside them has no string. Beyond that a pair is believed: one that was damaged, or whose
+ * files do not belong together, gives wrong answers. A file must not be made shorter while it is mapped: the system
+ * ends a process that reads behind the end of one. Replace files by renaming.
+ *
+ * Threads: a dictionary being built belongs to one thread. An open one is never written: any number of threads may
+ * look up and enumerate at once.
+ */
+#ifndef DICT_ATTRDICT_H
+#define DICT_ATTRDICT_H
+
+#include <stdio.h>
+
+#include "qxlib/types.h"
+
+QX_BEGIN_DECLS
+
+/** A dictionary, either being built or open for reading. To be read, not written, by callers. */
+typedef struct AttrDict {
+  UInt a_size;       /**< identifiers: as many as there are strings */
+  UInt* a_idx;       /**< reading: the index, mapped */
+  size_t a_idx_size; /**< its size in bytes */
+  UByte* a_dat;      /**< reading: the data, mapped; null when there is none */
+  size_t a_dat_size; /**< its size in bytes */
+  FILE* a_idx_file;  /**< building: the index; null when reading */
+  FILE* a_dat_file;  /**< building: the data; null when reading */
+  UInt a_offset;     /**< building: where the next record starts in the data */
+  Boolean a_swap;    /**< building: the index is in the byte order opposite to this machine's */
+  UInt a_indexed;    /**< private, reading: identifiers that have an index word; at most `a_size` */
+  UInt a_error;      /**< private, building: the `errno` of the first write that failed; 0 when none has */
+  size_t a_roomy;    /**< private, reading: four records that start below this offset lie inside the data */
+} AttrDict;
+
+/**
+ * Receives a string; zero goes on, every other value ends the enumeration.
+ *
+ * @param bytes   the string, inside a read-only mapping: it must not be written. Good until `AttrDictClose`.
+ * @param length  its length in bytes, 0 to 255
+ * @param ptr     what the enumeration was given
+ */
+typedef UInt (*AttrDictEnumerateFunction)(UByte* bytes, UInt length, void* ptr);
+
+/**
+ * Starts a dictionary: creates, or empties, its two files.
+ *
+ * @param dir   the directory; null: `name` alone is the path
+ * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
+ * @param swap  true: write the index in the byte order opposite to this machine's
+ * @return the dictionary being built, which `AttrDictCommit` releases; null, with `errno`, when a file cannot be opened
+ *         and, with ENAMETOOLONG, when a path has more than 4096 bytes
+ *
+ * The index is opened first: when the data cannot be, the index is left behind, empty. Both files are close-on-exec,
+ * and on none of the descriptors 0 to 2.
+ */
+QX_API AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap);
+
+/**
+ * Gives the next identifier its string.
+ *
+ * @param bytes  the string; may be null when `len` is 0
+ * @param len    its length in bytes
+ *
+ * What cannot be written is found out by `AttrDictCommit`. So is a string that would bring the data to 4 GiB, where
+ * 32-bit offsets end: it is not written, nor is any string after it.
+ */
+QX_API void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len);
+
+/**
+ * Completes a dictionary: writes what is left, forces both files to stable storage, closes them.
+ *
+ * @param adict  a dictionary being built (asserted: "adict != ((void *)0)", "adict->a_idx_file != ((void *)0)",
+ *               "adict->a_dat_file != ((void *)0)"); released, whatever the result
+ * @return TRUE when every byte was written and both files were closed without an error; FALSE, with the `errno` of the
+ *         first failure (EFBIG at 4 GiB of data), when not: the files are then incomplete
+ *
+ * The index is completed first. A file-size limit or a closed pipe also raises its signal, SIGXFSZ or SIGPIPE, which
+ * ends a process that has not asked otherwise.
+ */
+QX_API Boolean AttrDictCommit(AttrDict* adict);
+
+/**
+ * Opens a dictionary for reading: maps its two files.
+ *
+ * @param dir   the directory; null: `name` alone is the path
+ * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
+ * @return the dictionary, which `AttrDictClose` releases; null, with `errno`, when a file cannot be opened or mapped;
+ *         with ENAMETOOLONG, when a path is too long; with EINVAL, when the index is empty
+ *
+ * Empty data are no failure: `a_dat` is then null. Nor is an index that makes no sense: `a_size` is its last four
+ * bytes, or 0 when it has fewer. Cost: two mappings; nothing is read but the size.
+ */
+QX_API AttrDict* AttrDictOpen(const char* dir, const char* name);
+
+/** The number of identifiers; while building, of strings added so far. */
+QX_API UInt AttrDictSize(const AttrDict* adict);
+
+/**
+ * Looks up the string of an identifier.
+ *
+ * @param id     the identifier
+ * @param bytes  receives the address of the string, inside the mapping, good until `AttrDictClose`
+ * @return the length of the string; 0, with nothing stored in `bytes`, when `adict` is null, when `id` is not below the
+ *         size, and when the record would lie outside the files
+ *
+ * A string of length 0 gives 0, too, but with an address: a caller that must tell the two apart passes a null pointer
+ * in `bytes`. Cost: one index word and at most four records that lie side by side.
+ */
+QX_API UByte AttrDictGet(const AttrDict* adict, Id id, const UByte** bytes);
+
+/**
+ * Calls a function on the strings of all identifiers from one on, in order.
+ *
+ * @param adict       not null (asserted: "adict != ((void *)0)")
+ * @param startPoint  the identifier to start from, below the size (asserted: "id < adict->a_size") unless the data are
+ *                    empty, when there is nothing to enumerate
+ * @param fun         called once an identifier
+ * @param ptr         handed to `fun`
+ * @return 0 when every call returned 0, or there was none; else the first other result
+ *
+ * The n-th call, from 0, is for identifier `startPoint` + n. Therefore an identifier whose record would lie outside the
+ * files ends the enumeration, with 0: nothing is left out between.
+ */
+QX_API UInt AttrDictEnumerate(const AttrDict* adict, Id startPoint, AttrDictEnumerateFunction fun, void* ptr);
+
+/**
+ * Closes a dictionary that was open for reading.
+ *
+ * @param adict  a dictionary from `AttrDictOpen` (asserted: "adict != ((void *)0)", "adict->a_idx_file == ((void *)0)
+ *               && adict->a_dat_file == ((void *)0)"); released, whatever the result
+ * @return TRUE when both mappings were released without an error
+ */
+QX_API Boolean AttrDictClose(AttrDict* adict);
+
+QX_END_DECLS
+
+#endif
