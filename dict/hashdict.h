@@ -83,7 +83,7 @@ typedef Id (*DictValFun)(void* dict, Id idx);
 /**
  * Builds a dictionary from `nentries` distinct keys.
  *
- * @param nentries  number of keys, at most 1431655764 (above, the process ends with a message)
+ * @param nentries  number of keys, at most 1717986914: above, the process ends with a message
  * @param dict      handed through to the callbacks
  * @param key       gives the keys
  * @param val       gives the values to store; null: each key's own number
