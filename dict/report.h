@@ -29,17 +29,18 @@ constexpr int kFailure = 4;
 #define QX_ASSERT(condition) QX_ASSERT_TEXT(condition, #condition)
 
 // Reports a message at a level; `flag` asks for the system error text behind it.
-#define QX_MESSAGE_IN(module, function, level, flag, ...)                                          \
+#define QX_MESSAGE_IN(module, function, level, flag, ...) \
   (QXSetMessageContext2_(module, __LINE__, qx::kMessageModule, function, level, flag), QXMessage_(__VA_ARGS__))
 #define QX_MESSAGE(level, flag, ...) QX_MESSAGE_IN(kModule, __func__, level, flag, __VA_ARGS__)
 
 // Records a failure of a named file, with errno, as the calling thread's current error.
-#define QX_RETHROW(format, path) \
+#define QX_RETHROW(format, path)                                                                \
   (QXSetMessageContext2_(kModule, __LINE__, qx::kMessageModule, __func__, qx::kFailure, FALSE), \
    QXErrorRethrow_(format, path))
 
 // Where going on would corrupt memory and there is no result to return: a message, then the end of the process.
-#define QX_DIE_IN(module, function, ...) (QX_MESSAGE_IN(module, function, qx::kFailure, FALSE, __VA_ARGS__), std::abort())
+#define QX_DIE_IN(module, function, ...) \
+  (QX_MESSAGE_IN(module, function, qx::kFailure, FALSE, __VA_ARGS__), std::abort())
 #define QX_DIE(...) QX_DIE_IN(kModule, __func__, __VA_ARGS__)
 
 #endif

@@ -1,4 +1,5 @@
-// Death tests for assertions: the statement must end the process with exactly this assertion, from this module and function.
+// Death tests for assertions: the statement must end the process with exactly this assertion, from this module and
+// function.
 #ifndef TESTS_SUPPORT_DEATH_H
 #define TESTS_SUPPORT_DEATH_H
 
