@@ -1,0 +1,139 @@
+#include "lexicon.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "qxlib/misc.h"
+
+namespace lexicon {
+namespace {
+
+const UByte* Bytes(std::string_view text) { return reinterpret_cast<const UByte*>(text.data()); }
+
+bool InWord(unsigned char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c >= 0x80;
+}
+
+char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+void Count(HashTable* counts, std::string_view word) {
+  const UInt length = static_cast<UInt>(word.size());
+  UByte* entry = HashTableFind(counts, Bytes(word), length, TRUE, nullptr, nullptr);
+  if (entry == nullptr && HashTableFull(counts)) {
+    HashTableGrow(counts, 2.0F, nullptr);
+    entry = HashTableFind(counts, Bytes(word), length, TRUE, nullptr, nullptr);
+  }
+  if (entry == nullptr) throw Error{"the table of counted words cannot grow any more"};
+  WordCount value;
+  std::memcpy(&value, entry, sizeof value);
+  value.count++;
+  std::memcpy(entry, &value, sizeof value);
+}
+
+std::ifstream OpenText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  // A directory opens, and fails at the first byte.
+  if (!in || (in.peek(), in.bad())) throw Error{"cannot read " + path + ": " + std::strerror(errno)};
+  in.clear();
+  return in;
+}
+
+// The callback through which the builder asks for the keys.
+UShort KeyOfWord(void* words, Id index, const UByte** bytes) {
+  const std::string& word = (*static_cast<const std::vector<std::string>*>(words))[index];
+  *bytes = Bytes(word);
+  return static_cast<UShort>(word.size());
+}
+
+}  // namespace
+
+Table NewCounts() {
+  Table counts(HashTableNew(1024, nullptr, nullptr, nullptr, sizeof(WordCount), 0, TRUE));
+  if (!counts) throw Error{"no memory for the counted words"};
+  return counts;
+}
+
+size_t CountWords(HashTable* counts, const std::string& path) {
+  std::ifstream in = OpenText(path);
+  size_t words = 0;
+  std::string word;
+  const auto finish = [&] {
+    while (!word.empty() && word.back() == '\'') word.pop_back();
+    if (word.empty()) return;
+    Count(counts, word);
+    words++;
+    word.clear();
+  };
+  std::vector<char> piece(1 << 16);
+  while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())), in.gcount() > 0) {
+    for (std::streamsize i = 0; i < in.gcount(); i++) {
+      const char c = piece[static_cast<size_t>(i)];
+      if (InWord(static_cast<unsigned char>(c)) || (c == '\'' && !word.empty())) {
+        word += Lower(c);
+      } else {
+        finish();
+      }
+    }
+  }
+  if (in.bad()) throw Error{"cannot read " + path + ": " + std::strerror(errno)};
+  finish();
+  return words;
+}
+
+void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, UInt)>& visit) {
+  HashTableIterator* it = HashTableIteratorInit(counts);
+  for (; !HashTableIteratorEnd(it); HashTableIteratorNext(it)) {
+    const UByte* bytes = nullptr;
+    const UInt length = HashTableIteratorGetKey(it, &bytes);
+    WordCount value;
+    std::memcpy(&value, HashTableIteratorGetValue(it), sizeof value);
+    visit({reinterpret_cast<const char*>(bytes), length}, value.count);
+  }
+  HashTableIteratorFinalize(it);
+}
+
+std::vector<std::string> ReadWordList(const std::string& path) {
+  std::ifstream in = OpenText(path);
+  // The builder needs distinct keys; a table without values is a set.
+  Table seen(HashTableNew(1 << 20, nullptr, nullptr, nullptr, 0, 0, TRUE));
+  if (!seen) throw Error{"no memory for the word list"};
+  std::vector<std::string> words;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty()) continue;
+    if (line.size() > 65535) throw Error{path + ": a line of more than 65535 bytes is no word"};
+    if (HashTableFull(seen.get())) HashTableGrow(seen.get(), 2.0F, nullptr);
+    const UInt before = HashTableSize(seen.get());
+    if (HashTableFind(seen.get(), Bytes(line), static_cast<UInt>(line.size()), TRUE, nullptr, nullptr) == nullptr) {
+      throw Error{path + ": too many words"};
+    }
+    if (HashTableSize(seen.get()) > before) words.push_back(line);
+  }
+  if (in.bad()) throw Error{"cannot read " + path + ": " + std::strerror(errno)};
+  if (words.empty()) throw Error{path + " holds no word"};
+  return words;
+}
+
+BuiltDictionary Build(const std::vector<std::string>& words, UByte probe_bytes) {
+  return BuiltDictionary(HashDictBuild(static_cast<Id>(words.size()), const_cast<std::vector<std::string>*>(&words),
+                                       KeyOfWord, nullptr, 0, probe_bytes, TRUE));
+}
+
+void Write(const HashDict* dictionary, const std::string& directory, const std::string& name) {
+  if (!HashDictWrite(dictionary, directory.c_str(), name.c_str(), nullptr, FALSE)) {
+    throw Error{"cannot write " + directory + "/" + name + ".dic: " + std::strerror(errno)};
+  }
+}
+
+MappedDictionary Open(const std::string& directory, const std::string& name) {
+  MappedDictionary dictionary(HashDictOpen(directory.c_str(), name.c_str(), nullptr));
+  if (!dictionary) throw Error{"cannot open " + directory + "/" + name + ".dic: " + std::strerror(errno)};
+  return dictionary;
+}
+
+Id LookUp(const HashDict* dictionary, std::string_view word) {
+  return HashDictFind(dictionary, Bytes(word), static_cast<UInt>(word.size()));
+}
+
+}  // namespace lexicon

@@ -1,0 +1,68 @@
+// The three steps of the example: count the words of texts, build a dictionary of a word list, look words up in it.
+
+#ifndef EXAMPLES_LEXICON_LEXICON_H
+#define EXAMPLES_LEXICON_LEXICON_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dict/hashdict.h"
+#include "dict/hashtable.h"
+
+namespace lexicon {
+
+// Something a person should read: the input is missing, the output cannot be written.
+struct Error {
+  std::string text;
+};
+
+struct FreeTable {
+  void operator()(HashTable* table) const { HashTableFree(table); }
+};
+struct FreeDictionary {
+  void operator()(HashDict* dictionary) const { HashDictFree(dictionary); }
+};
+struct CloseDictionary {
+  void operator()(HashDict* dictionary) const { HashDictClose(dictionary); }
+};
+using Table = std::unique_ptr<HashTable, FreeTable>;
+using BuiltDictionary = std::unique_ptr<HashDict, FreeDictionary>;
+using MappedDictionary = std::unique_ptr<HashDict, CloseDictionary>;
+
+// What a word's value in the counting table holds.
+struct WordCount {
+  UInt count;
+};
+
+// An empty table for counting, in mapped memory.
+Table NewCounts();
+
+// Counts the words of a text: runs of letters, digits and bytes above 127, with apostrophes inside, in lower case.
+// Returns how many there were. Throws Error when the file cannot be read.
+size_t CountWords(HashTable* counts, const std::string& path);
+
+// Calls `visit` for each counted word, in order of first appearance.
+void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, UInt)>& visit);
+
+// The distinct words of a list, one a line. Throws Error when the file cannot be read or holds no word.
+std::vector<std::string> ReadWordList(const std::string& path);
+
+// Builds a dictionary that gives each word its line among `words`; a foreign word passes with a chance of 1 in
+// 256^probe_bytes.
+BuiltDictionary Build(const std::vector<std::string>& words, UByte probe_bytes);
+
+// Writes the dictionary to <directory>/<name>.dic, and maps that file again. Both throw Error when they fail.
+void Write(const HashDict* dictionary, const std::string& directory, const std::string& name);
+MappedDictionary Open(const std::string& directory, const std::string& name);
+
+constexpr Id kAbsent = 0xFFFFFFFE;
+
+// The word's number, or kAbsent.
+Id LookUp(const HashDict* dictionary, std::string_view word);
+
+}  // namespace lexicon
+
+#endif

@@ -1,0 +1,203 @@
+// lexicon: counts the words of texts, builds a perfect-hash dictionary of a word list, writes it to a file, maps that
+// file again and looks words up: the library's main job, in plain use of its public headers.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "lexicon.h"
+#include "qxlib/misc.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: lexicon --words LIST --out DIRECTORY [--look-up WORD]... TEXT...\n"
+    "\n"
+    "Counts the words of each TEXT, builds a dictionary of the words in LIST (one a line), writes it to\n"
+    "DIRECTORY/words.dic, maps it, and looks up every WORD and every counted word.\n";
+
+struct Options {
+  std::string list;
+  std::string directory;
+  std::vector<std::string> look_ups;
+  std::vector<std::string> texts;
+};
+
+class Clock {
+ public:
+  double Seconds() const { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count(); }
+
+ private:
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// 1234567 as 1,234,567.
+std::string Grouped(size_t number) {
+  std::string digits = std::to_string(number);
+  for (size_t at = digits.size(); at > 3;) digits.insert(at -= 3, ",");
+  return digits;
+}
+
+std::string Size(size_t bytes) {
+  char text[32];
+  if (bytes >= 1 << 20) {
+    std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(bytes) / (1 << 20));
+  } else {
+    std::snprintf(text, sizeof text, "%.1f KiB", static_cast<double>(bytes) / (1 << 10));
+  }
+  return text;
+}
+
+std::string Duration(double seconds) {
+  char text[32];
+  if (seconds >= 1) {
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+  } else if (seconds >= 1e-3) {
+    std::snprintf(text, sizeof text, "%.1f ms", seconds * 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.0f us", seconds * 1e6);
+  }
+  return text;
+}
+
+std::string Rate(size_t operations, double seconds) {
+  return Grouped(static_cast<size_t>(static_cast<double>(operations) / std::max(seconds, 1e-9))) + " a second";
+}
+
+// The builder's progress, as the person who waits wants to see it.
+void ShowProgress(const QXMessageContext* context, const char* text, void*) {
+  if (context->level > 2) {
+    std::fprintf(stderr, "lexicon: %s\n", text);
+  } else {
+    std::printf("    .. %s\n", text);
+    std::fflush(stdout);
+  }
+}
+
+Options Parse(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; i++) {
+    const std::string argument = argv[i];
+    const auto value = [&] {
+      if (i + 1 >= argc) throw lexicon::Error{argument + " needs a value\n" + kUsage};
+      return std::string(argv[++i]);
+    };
+    if (argument == "--words") {
+      options.list = value();
+    } else if (argument == "--out") {
+      options.directory = value();
+    } else if (argument == "--look-up") {
+      options.look_ups.push_back(value());
+    } else if (argument.starts_with("--")) {
+      throw lexicon::Error{"unknown option " + argument + "\n" + kUsage};
+    } else {
+      options.texts.push_back(argument);
+    }
+  }
+  if (options.list.empty() || options.directory.empty() || options.texts.empty()) {
+    throw lexicon::Error{std::string("nothing to do\n") + kUsage};
+  }
+  return options;
+}
+
+void CountTexts(HashTable* counts, const std::vector<std::string>& texts) {
+  std::printf("Counting words\n");
+  const Clock clock;
+  size_t words = 0;
+  for (const std::string& text : texts) {
+    const size_t here = lexicon::CountWords(counts, text);
+    std::printf("    %-48s %12s words\n", text.c_str(), Grouped(here).c_str());
+    words += here;
+  }
+  const double seconds = clock.Seconds();
+  std::printf("    %s words, %s different, in %s: %s\n", Grouped(words).c_str(), Grouped(HashTableSize(counts)).c_str(),
+              Duration(seconds).c_str(), Rate(words, seconds).c_str());
+}
+
+void BuildAndWrite(const Options& options) {
+  std::printf("\nBuilding a dictionary of %s\n", options.list.c_str());
+  const std::vector<std::string> words = lexicon::ReadWordList(options.list);
+  const Clock clock;
+  const lexicon::BuiltDictionary dictionary = lexicon::Build(words, 2);
+  const double seconds = clock.Seconds();
+  const size_t size = HashDictFileSize(dictionary.get());
+  std::printf("    %s words in %s: %s\n", Grouped(words.size()).c_str(), Duration(seconds).c_str(),
+              Rate(words.size(), seconds).c_str());
+  std::printf("    %s, %.1f bits a word, the longest word %u bytes\n", Size(size).c_str(),
+              8.0 * static_cast<double>(size) / static_cast<double>(words.size()), HashDictMaxLength(dictionary.get()));
+  if (mkdir(options.directory.c_str(), 0777) != 0 && errno != EEXIST) {
+    throw lexicon::Error{"cannot make " + options.directory + ": " + std::strerror(errno)};
+  }
+  lexicon::Write(dictionary.get(), options.directory, "words");
+  std::printf("    written to %s/words.dic\n", options.directory.c_str());
+}
+
+void LookUpGiven(const HashDict* dictionary, const std::vector<std::string>& words) {
+  for (const std::string& word : words) {
+    const Id id = lexicon::LookUp(dictionary, word);
+    if (id == lexicon::kAbsent) {
+      std::printf("    %-24s is not in it\n", word.c_str());
+    } else {
+      std::printf("    %-24s is word %s\n", word.c_str(), Grouped(id + size_t{1}).c_str());
+    }
+  }
+}
+
+void LookUpCounted(const HashDict* dictionary, const HashTable* counts) {
+  size_t known = 0;
+  size_t unknown = 0;
+  std::vector<std::pair<UInt, std::string>> strangers;
+  const Clock clock;
+  lexicon::ForEachCount(counts, [&](std::string_view word, UInt count) {
+    if (lexicon::LookUp(dictionary, word) != lexicon::kAbsent) {
+      known++;
+    } else {
+      unknown++;
+      strangers.emplace_back(count, word);
+    }
+  });
+  const double seconds = clock.Seconds();
+  std::printf("    of the %s counted words %s are in it, %s are not: %s\n", Grouped(known + unknown).c_str(),
+              Grouped(known).c_str(), Grouped(unknown).c_str(), Rate(known + unknown, seconds).c_str());
+  std::stable_sort(strangers.begin(), strangers.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  if (strangers.size() > 8) strangers.resize(8);
+  if (strangers.empty()) return;
+  std::printf("    the most frequent that are not:");
+  for (const auto& [count, word] : strangers) std::printf(" %s (%s)", word.c_str(), Grouped(count).c_str());
+  std::printf("\n");
+}
+
+void Run(const Options& options) {
+  const lexicon::Table counts = lexicon::NewCounts();
+  CountTexts(counts.get(), options.texts);
+  BuildAndWrite(options);
+
+  const Clock clock;
+  const lexicon::MappedDictionary dictionary = lexicon::Open(options.directory, "words");
+  std::printf("\nLooking words up in the mapped file, opened in %s\n", Duration(clock.Seconds()).c_str());
+  LookUpGiven(dictionary.get(), options.look_ups);
+  LookUpCounted(dictionary.get(), counts.get());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  QXMessageHandlerSet(ShowProgress, nullptr);
+  try {
+    Run(Parse(argc, argv));
+  } catch (const lexicon::Error& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "lexicon: %s\n", error.text.c_str());
+    return 1;
+  }
+  if (std::fflush(stdout) != 0) {
+    std::fprintf(stderr, "lexicon: cannot write the report: %s\n", std::strerror(errno));
+    return 1;
+  }
+  return 0;
+}
