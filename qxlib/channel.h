@@ -34,11 +34,13 @@ typedef struct Channel {
   UByte inBuf[QX_CHANNEL_BUFFER];
   int outSize; /**< bytes waiting in `outBuf` */
   UByte outBuf[QX_CHANNEL_BUFFER];
-  int fd;                         /**< the library's: the open descriptor, or -1 */
-  Boolean failed;                 /**< the library's: a write has failed */
-  TimeMilliseconds readTimeout;   /**< the library's */
-  TimeMilliseconds writeTimeout;  /**< the library's */
-  const ChannelVirtual* device;   /**< the library's: the device in place of a descriptor, or null */
+  int fd;                        /**< the library's: the open descriptor, or -1 */
+  int directory;                 /**< the library's: the directory of a created file, until it is synced, or -1 */
+  Boolean created;               /**< the library's: opening created the file, and its name is not yet stable */
+  int error;                     /**< the library's: `errno` of the first failure of the way out, or 0 */
+  TimeMilliseconds readTimeout;  /**< the library's */
+  TimeMilliseconds writeTimeout; /**< the library's */
+  const ChannelVirtual* device;  /**< the device in place of a descriptor, or null */
 } Channel;
 
 QX_API Channel* ChannelNew(TimeMilliseconds readTimeout, TimeMilliseconds writeTimeout);
