@@ -1,0 +1,95 @@
+// Runs the example program as a person would, on a small text.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "support/files.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+struct Outcome {
+  int status;
+  std::string output;
+};
+
+Outcome Lexicon(const std::string& arguments) {
+  const std::string command = std::string(QX_LEXICON) + " " + arguments + " 2>&1";
+  std::FILE* pipe = popen(command.c_str(), "r");
+  std::string output;
+  std::array<char, 4096> buffer;
+  for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) output.append(buffer.data(), got);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+class LexiconTest : public ::testing::Test {
+ protected:
+  LexiconTest() {
+    support::WriteFile(directory_.file("list"), "apple\nbanana\r\ncherry\n\nbanana\ndate\n");
+    support::WriteFile(directory_.file("text"), "Apple, banana: apple! Elderberry 'date' apple's\n");
+  }
+
+  std::string Basics() const { return "--words " + directory_.file("list") + " --out " + directory_.file("out") + " "; }
+
+  support::TemporaryDirectory directory_;
+};
+
+TEST_F(LexiconTest, CountsBuildsWritesAndLooksUp) {
+  const Outcome run = Lexicon(Basics() + "--look-up cherry --look-up fig " + directory_.file("text"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("6 words, 5 different"));
+  EXPECT_THAT(run.output, HasSubstr("    4 words in "));
+  EXPECT_THAT(run.output, HasSubstr("hdict: nentries=4"));
+  EXPECT_THAT(run.output, HasSubstr("cherry                   is word 3"));
+  EXPECT_THAT(run.output, HasSubstr("fig                      is not in it"));
+  EXPECT_THAT(run.output, HasSubstr("of the 5 counted words 3 are in it, 2 are not"));
+  EXPECT_TRUE(std::filesystem::exists(directory_.file("out/words.dic")));
+}
+
+TEST_F(LexiconTest, AMissingTextIsAClearError) {
+  const Outcome run = Lexicon(Basics() + directory_.file("nowhere"));
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output,
+              HasSubstr("lexicon: cannot read " + directory_.file("nowhere") + ": No such file or directory"));
+}
+
+TEST_F(LexiconTest, ADirectoryIsNoText) {
+  const Outcome run = Lexicon(Basics() + directory_.path());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, HasSubstr("cannot read " + directory_.path() + ": Is a directory"));
+}
+
+TEST_F(LexiconTest, AnEmptyListIsAClearError) {
+  support::WriteFile(directory_.file("list"), "");
+  const Outcome run = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, HasSubstr("holds no word"));
+}
+
+TEST_F(LexiconTest, AnEmptyTextHasNoWords) {
+  support::WriteFile(directory_.file("text"), "");
+  const Outcome run = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("0 words, 0 different"));
+}
+
+TEST_F(LexiconTest, AnOutputThatCannotBeMadeIsAClearError) {
+  const Outcome run = Lexicon("--words " + directory_.file("list") + " --out /proc/nowhere " + directory_.file("text"));
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, HasSubstr("cannot make /proc/nowhere"));
+}
+
+TEST_F(LexiconTest, WithoutArgumentsItSaysHowToUseIt) {
+  const Outcome run = Lexicon("");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.output, HasSubstr("usage: lexicon --words LIST"));
+}
+
+}  // namespace
