@@ -40,9 +40,10 @@ typedef struct AttrDict {
   FILE* a_dat_file;  /**< building: the data; null when reading */
   UInt a_offset;     /**< building: where the next record starts in the data */
   Boolean a_swap;    /**< building: the index is in the byte order opposite to this machine's */
-  UInt a_indexed;    /**< private, reading: identifiers that have an index word; at most `a_size` */
-  UInt a_error;      /**< private, building: the `errno` of the first write that failed; 0 when none has */
+  UInt a_indexed;    /**< private, reading: identifiers that have a word in the index; at most `a_size` */
+  Boolean a_full;    /**< private, building: a string did not fit below 4 GiB */
   size_t a_roomy;    /**< private, reading: four records that start below this offset lie inside the data */
+  int a_error;       /**< private, building: the `errno` of the first write that failed; 0 when none has */
 } AttrDict;
 
 /**
@@ -61,7 +62,7 @@ typedef UInt (*AttrDictEnumerateFunction)(UByte* bytes, UInt length, void* ptr);
  * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
  * @param swap  true: write the index in the byte order opposite to this machine's
  * @return the dictionary being built, which `AttrDictCommit` releases; null, with `errno`, when a file cannot be opened
- *         and, with ENAMETOOLONG, when a path has more than 4096 bytes
+ *         and, with ENAMETOOLONG, when a path is too long
  *
  * The index is opened first: when the data cannot be, the index is left behind, empty. Both files are close-on-exec,
  * and on none of the descriptors 0 to 2.
@@ -98,7 +99,7 @@ QX_API Boolean AttrDictCommit(AttrDict* adict);
  * @param dir   the directory; null: `name` alone is the path
  * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
  * @return the dictionary, which `AttrDictClose` releases; null, with `errno`, when a file cannot be opened or mapped;
- *         with ENAMETOOLONG, when a path is too long; with EINVAL, when the index is empty
+ *         with ENAMETOOLONG, when a path is too long; with ENODATA, when the index is empty
  *
  * Empty data are no failure: `a_dat` is then null. Nor is an index that makes no sense: `a_size` is its last four
  * bytes, or 0 when it has fewer. Cost: two mappings; nothing is read but the size.

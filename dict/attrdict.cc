@@ -1,0 +1,266 @@
+// The attribute dictionary: short byte strings in the order of their identifiers, and the offset of every fourth one.
+//
+//   .dat  [ L | L bytes ][ L | L bytes ] ...      one record an identifier, L in one byte
+//          ^ 0                           ^ 4
+//   .idx  [ offset of 0 | offset of 4 | ... | number of identifiers ]      32-bit words
+//
+// Reading is bounded without a pass over the files. a_indexed, found once at opening, is the number of identifiers that
+// have an index word at all, and so the one bound that a look-up compares with anyway. Four records take at most
+// kGroupSpan bytes: where an offset is below a_roomy, that far from the end of the data, whatever the bytes there say
+// the group lies inside. Only the last kilobyte is walked with a check a record.
+
+#include "dict/attrdict.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+
+#include "dict/file_stream.h"
+#include "dict/report.h"
+#include "qxlib/misc.h"
+
+namespace {
+
+constexpr const char* kModule = "dict/attrdict";
+
+constexpr const char* kIndexSuffix = "idx";
+constexpr const char* kDataSuffix = "dat";
+constexpr size_t kPathRoom = 4097;
+
+constexpr UInt kGroup = 4;                   // identifiers to an index word
+constexpr size_t kGroupSpan = kGroup * 256;  // the most bytes of their records
+constexpr ULong kMaxOffset = 0xFFFFFFFF;     // and the most bytes of data, so that each record's end is an offset, too
+constexpr size_t kOutside = ~size_t{0};
+
+static_assert(offsetof(AttrDict, a_idx) == 8 && offsetof(AttrDict, a_idx_size) == 16);
+static_assert(offsetof(AttrDict, a_dat) == 24 && offsetof(AttrDict, a_dat_size) == 32);
+static_assert(offsetof(AttrDict, a_idx_file) == 40 && offsetof(AttrDict, a_dat_file) == 48);
+static_assert(offsetof(AttrDict, a_offset) == 56 && offsetof(AttrDict, a_swap) == 60);
+
+// Puts errno back at the end of its scope: the failure that a caller hears of is the first, not one of the clean-up's.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : error_(errno) {}
+  ~ErrnoKeeper() { errno = error_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  int error_;
+};
+
+using Path = std::array<char, kPathRoom>;
+
+// Formats a path; false, with ENAMETOOLONG, when it does not fit.
+__attribute__((__format__(__printf__, 2, 3))) bool Format(Path* path, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = vsnprintf(path->data(), path->size(), format, arguments);
+  va_end(arguments);
+  if (length >= 0 && static_cast<size_t>(length) < path->size()) return true;
+  errno = ENAMETOOLONG;
+  return false;
+}
+
+AttrDict* New() {
+  auto* adict = static_cast<AttrDict*>(Allocate_(sizeof(AttrDict), nullptr, kModule, __LINE__));
+  *adict = {};
+  return adict;
+}
+
+void Release(AttrDict* adict) {
+  const ErrnoKeeper keeper;
+  UnAllocate_(adict, kModule, __LINE__);
+}
+
+// Opens one of the pair for writing. Null, with errno, on failure.
+qx::Stream OpenForWriting(const char* dir, const char* name, const char* suffix) {
+  Path path;
+  const bool fits =
+      dir != nullptr ? Format(&path, "%s/%s.%s", dir, name, suffix) : Format(&path, "%s.%s", name, suffix);
+  return fits ? qx::OpenStream(path.data(), "we") : nullptr;
+}
+
+void NoteWriteError(AttrDict* adict) {
+  if (adict->a_error == 0) adict->a_error = errno;
+}
+
+// Writes a word of the index: as it lies in memory, up to the first byte that cannot be written, or its bytes in
+// reverse, whatever becomes of each. The streams are written without their locks: a dictionary being built belongs to
+// one thread.
+void WriteUInt(AttrDict* adict, UInt val) {
+  std::array<UByte, sizeof val> bytes;
+  std::memcpy(bytes.data(), &val, sizeof val);
+  if (adict->a_swap) std::reverse(bytes.begin(), bytes.end());
+  for (const UByte byte : bytes) {
+    if (putc_unlocked(byte, adict->a_idx_file) != EOF) continue;
+    NoteWriteError(adict);
+    if (!adict->a_swap) return;
+  }
+}
+
+// The checked close: false when the file may not be whole on stable storage.
+bool Close(FILE* f) {
+  const bool failed = ferror(f) != 0;
+  if (fflush(f) != 0 || fsync(fileno(f)) != 0) {
+    const ErrnoKeeper keeper;
+    fclose(f);
+    return false;
+  }
+  return fclose(f) == 0 && !failed;
+}
+
+// Maps one of the pair. Null, with errno and *empty, on failure and when there is nothing to map.
+void* Map(const char* dir, const char* name, const char* suffix, size_t* size, Boolean* empty) {
+  Path path;
+  *empty = FALSE;
+  return Format(&path, "%s.%s", name, suffix) ? FileMapRead(dir, path.data(), size, empty) : nullptr;
+}
+
+// The number of identifiers: the index's last word. An index of odd size has it at an odd place.
+UInt LastWord(const AttrDict& adict) {
+  UInt word = 0;
+  if (adict.a_idx_size >= sizeof word) {
+    std::memcpy(&word, reinterpret_cast<const UByte*>(adict.a_idx) + adict.a_idx_size - sizeof word, sizeof word);
+  }
+  return word;
+}
+
+// Notes what a look-up need not check again.
+void NoteBounds(AttrDict* adict) {
+  const size_t indexed = adict->a_idx_size / sizeof(UInt) * kGroup;
+  adict->a_indexed = static_cast<UInt>(std::min(size_t{adict->a_size}, indexed));
+  adict->a_roomy = adict->a_dat_size >= kGroupSpan ? adict->a_dat_size - kGroupSpan + 1 : 0;
+}
+
+// Whether a record lies inside the data.
+bool Inside(const AttrDict& adict, size_t record) {
+  return record < adict.a_dat_size && adict.a_dat[record] < adict.a_dat_size - record;
+}
+
+size_t Next(const AttrDict& adict, size_t record) { return record + 1 + adict.a_dat[record]; }
+
+// Where the record of an identifier below a_indexed is, or kOutside when it is not inside the data.
+size_t Find(const AttrDict& adict, Id id) {
+  size_t record = adict.a_idx[id / kGroup];
+  const UInt skips = id % kGroup;
+  if (record < adict.a_roomy) [[likely]] {
+    // All three steps, and those too many of length 0: how many there are is at random, and a branch would guess wrong.
+    for (UInt i = 0; i < kGroup - 1; i++) record += (size_t{adict.a_dat[record]} + 1) & (i < skips ? ~size_t{0} : 0);
+    return record;
+  }
+  for (UInt i = 0; i < skips && Inside(adict, record); i++) record = Next(adict, record);
+  return Inside(adict, record) ? record : kOutside;
+}
+
+}  // namespace
+
+AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
+  AttrDict* adict = New();
+  qx::Stream idx = OpenForWriting(dir, name, kIndexSuffix);
+  qx::Stream dat = idx ? OpenForWriting(dir, name, kDataSuffix) : nullptr;
+  if (!dat) {
+    const ErrnoKeeper keeper;
+    idx.reset();
+    Release(adict);
+    return nullptr;
+  }
+  adict->a_idx_file = idx.release();
+  adict->a_dat_file = dat.release();
+  adict->a_swap = swap;
+  return adict;
+}
+
+void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len) {
+  if (adict->a_full || ULong{adict->a_offset} + 1 + len > kMaxOffset) {
+    adict->a_full = TRUE;
+    return;
+  }
+  if (adict->a_size % kGroup == 0) WriteUInt(adict, adict->a_offset);
+  if (putc_unlocked(len, adict->a_dat_file) == EOF) NoteWriteError(adict);
+  if (len != 0 && fwrite_unlocked(bytes, 1, len, adict->a_dat_file) != len) NoteWriteError(adict);
+  adict->a_size++;
+  adict->a_offset += UInt{len} + 1;
+}
+
+Boolean AttrDictCommit(AttrDict* adict) {
+  QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
+  QX_ASSERT_TEXT(adict->a_idx_file != nullptr, "adict->a_idx_file != ((void *)0)");
+  QX_ASSERT_TEXT(adict->a_dat_file != nullptr, "adict->a_dat_file != ((void *)0)");
+  WriteUInt(adict, adict->a_size);
+  bool whole = Close(adict->a_idx_file);
+  if (whole) {
+    whole = Close(adict->a_dat_file);
+    if (!whole) NoteWriteError(adict);
+  } else {
+    NoteWriteError(adict);
+    fclose(adict->a_dat_file);
+  }
+  int error = adict->a_error;
+  if (whole && adict->a_full) {
+    whole = false;
+    error = EFBIG;
+  }
+  Release(adict);
+  if (!whole) errno = error;
+  return whole ? TRUE : FALSE;
+}
+
+AttrDict* AttrDictOpen(const char* dir, const char* name) {
+  AttrDict* adict = New();
+  Boolean empty;
+  adict->a_idx = static_cast<UInt*>(Map(dir, name, kIndexSuffix, &adict->a_idx_size, &empty));
+  if (adict->a_idx == nullptr) {
+    if (empty) errno = ENODATA;
+    Release(adict);
+    return nullptr;
+  }
+  adict->a_dat = static_cast<UByte*>(Map(dir, name, kDataSuffix, &adict->a_dat_size, &empty));
+  if (adict->a_dat == nullptr && !empty) {
+    const ErrnoKeeper keeper;
+    FileUnmap(adict->a_idx, adict->a_idx_size);
+    Release(adict);
+    return nullptr;
+  }
+  adict->a_size = LastWord(*adict);
+  NoteBounds(adict);
+  return adict;
+}
+
+UInt AttrDictSize(const AttrDict* adict) { return adict->a_size; }
+
+UByte AttrDictGet(const AttrDict* adict, Id id, const UByte** bytes) {
+  if (adict == nullptr || id >= adict->a_indexed) return 0;
+  const size_t record = Find(*adict, id);
+  if (record == kOutside) return 0;
+  *bytes = adict->a_dat + record + 1;
+  return adict->a_dat[record];
+}
+
+UInt AttrDictEnumerate(const AttrDict* adict, Id startPoint, AttrDictEnumerateFunction fun, void* ptr) {
+  QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
+  if (adict->a_dat == nullptr) return 0;
+  QX_ASSERT_TEXT(startPoint < adict->a_size, "id < adict->a_size");
+  size_t record = 0;
+  for (Id id = startPoint; id < adict->a_indexed; id++) {
+    record = id == startPoint || id % kGroup == 0 ? Find(*adict, id) : Next(*adict, record);
+    if (!Inside(*adict, record)) return 0;  // so that the visitor's count of calls tells it the identifier
+    const UInt stop = fun(adict->a_dat + record + 1, adict->a_dat[record], ptr);
+    if (stop != 0) return stop;
+  }
+  return 0;
+}
+
+Boolean AttrDictClose(AttrDict* adict) {
+  QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
+  QX_ASSERT_TEXT(adict->a_idx_file == nullptr && adict->a_dat_file == nullptr,
+                 "adict->a_idx_file == ((void *)0) && adict->a_dat_file == ((void *)0)");
+  Boolean released = FileUnmap(adict->a_idx, adict->a_idx_size);
+  if (adict->a_dat != nullptr && !FileUnmap(adict->a_dat, adict->a_dat_size)) released = FALSE;
+  Release(adict);
+  return released;
+}

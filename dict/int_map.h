@@ -1,0 +1,296 @@
+// The integer maps' one implementation: slots, the list of those in use, probing, growth.
+//
+//   m_entries  [ key val | ---- | key val | key val | ---- | ... ]   m_allocated slots, a prime; ---- is free: its key
+//                 0                 2         3                      is the marker, its value has never been written
+//   m_used     [ 2, 0, 3 ]                                           the slots in the order in which they were filled
+//
+// A key lies in the slot of its remainder modulo m_allocated, its home, or, when that is taken, in the first free one
+// behind it, around the end. Nothing is ever removed, so all slots from a key's home to the one it lies in are taken,
+// and a probe ends at the first free slot.
+//
+// Two things make that quick without moving a single key. Slots are looked at in groups of a cache line, with one
+// branch for all of them: which slot ends a probe hangs on memory that has yet to arrive, and a branch for each would
+// be guessed wrong about once a look-up. And the map remembers m_reach, the most slots that any key lies behind its
+// home: a run of neighbouring keys can fill thousands of slots without a gap, and the probe for an absent key that
+// starts inside one need not see its end.
+//
+// A map is told to these templates by a traits record:
+//
+//   Map, Entry, Key               the public types; values are of the keys' type
+//   kNone                         the marker
+//   kModule                       "dict/idmap", in messages and assertions
+//   kDeleteName ... kGrowName     the exported functions, in messages and assertions
+//   kFindText                     the assertion that there is a map and the key is not the marker
+
+#ifndef DICT_INT_MAP_H
+#define DICT_INT_MAP_H
+
+#include <array>
+#include <bit>
+#include <cstddef>
+
+#include "dict/idmap.h"
+#include "dict/remainder.h"
+#include "dict/report.h"
+#include "qxlib/misc.h"
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace int_map {
+
+constexpr UInt kFirstCapacity = 10;
+constexpr UInt kMaxCapacity = ~UInt{0} / 3;  // the slots are counted by way of three times as many
+constexpr UInt kNoSlot = ~UInt{0};
+constexpr UInt kSweepShare = 4;  // from this part of the slots on, emptying all is quicker than emptying the used ones
+constexpr size_t kRing = 16;     // pairs whose new slots are on their way from memory while a map grows
+
+template <typename Entry>
+constexpr UInt kGroup = 64 / sizeof(Entry);  // slots looked at together
+
+// Ends: a bit for each slot of a group, set when it holds the key or is free.
+
+#ifdef __SSE2__
+
+inline __m128i FourKeys(const IdMapEntry* entries) {
+  const auto* at = reinterpret_cast<const __m128i*>(entries);
+  const __m128 low = _mm_castsi128_ps(_mm_loadu_si128(at));
+  const __m128 high = _mm_castsi128_ps(_mm_loadu_si128(at + 1));
+  return _mm_castps_si128(_mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0)));
+}
+
+inline UInt Ends(const IdMapEntry* entries, Id key) {
+  const __m128i wanted = _mm_set1_epi32(static_cast<int>(key));
+  const __m128i none = _mm_set1_epi32(static_cast<int>(IDMAP_NONE));
+  const __m128i front = FourKeys(entries);
+  const __m128i back = FourKeys(entries + 4);
+  const __m128i front_ends = _mm_or_si128(_mm_cmpeq_epi32(front, wanted), _mm_cmpeq_epi32(front, none));
+  const __m128i back_ends = _mm_or_si128(_mm_cmpeq_epi32(back, wanted), _mm_cmpeq_epi32(back, none));
+  const __m128i ends = _mm_packs_epi32(front_ends, back_ends);
+  return static_cast<UInt>(_mm_movemask_epi8(_mm_packs_epi16(ends, _mm_setzero_si128())));
+}
+
+inline __m128 TwoKeys(const RefMapEntry* entries) {
+  const __m128i first = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&entries[0].e_key));
+  const __m128i second = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&entries[1].e_key));
+  return _mm_castsi128_ps(_mm_unpacklo_epi64(first, second));
+}
+
+// There is no comparison of 64 bits: the halves are compared apart.
+inline UInt Ends(const RefMapEntry* entries, ULong key) {
+  static_assert(REFMAP_NONE == ~ULong{0});
+  const __m128i wanted_low = _mm_set1_epi32(static_cast<int>(key));
+  const __m128i wanted_high = _mm_set1_epi32(static_cast<int>(key >> 32));
+  const __m128 front = TwoKeys(entries);
+  const __m128 back = TwoKeys(entries + 2);
+  const __m128i low = _mm_castps_si128(_mm_shuffle_ps(front, back, _MM_SHUFFLE(2, 0, 2, 0)));
+  const __m128i high = _mm_castps_si128(_mm_shuffle_ps(front, back, _MM_SHUFFLE(3, 1, 3, 1)));
+  const __m128i same = _mm_and_si128(_mm_cmpeq_epi32(low, wanted_low), _mm_cmpeq_epi32(high, wanted_high));
+  const __m128i none = _mm_cmpeq_epi32(_mm_and_si128(low, high), _mm_set1_epi32(-1));
+  return static_cast<UInt>(_mm_movemask_ps(_mm_castsi128_ps(_mm_or_si128(same, none))));
+}
+
+#else
+
+template <typename Entry, typename Key>
+UInt Ends(const Entry* entries, Key key) {
+  constexpr Key kNone = sizeof(Key) == sizeof(Id) ? IDMAP_NONE : static_cast<Key>(REFMAP_NONE);
+  UInt ends = 0;
+  for (UInt i = 0; i < kGroup<Entry>; i++) {
+    ends |= static_cast<UInt>((entries[i].e_key == key) | (entries[i].e_key == kNone)) << i;
+  }
+  return ends;
+}
+
+#endif
+
+// Makes every slot free.
+template <typename T>
+void EmptySlots(typename T::Map* map) {
+  for (UInt s = 0; s < map->m_allocated; s++) map->m_entries[s].e_key = T::kNone;
+}
+
+template <typename T>
+UInt Home(const typename T::Map& map, typename T::Key key) {
+  return qx::Remainder(key, map.m_allocated, map.m_reciprocal);
+}
+
+// The slot that ends the probe from `home` on: the first that holds the key or is free, among those that lie at most
+// `reach` behind it. kNoSlot: all of these hold other keys.
+template <typename T>
+UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt reach) {
+  constexpr UInt kSlots = kGroup<typename T::Entry>;
+  const typename T::Entry* entries = map.m_entries;
+  const UInt size = map.m_allocated;
+  if (entries[home].e_key == key) return home;  // most keys are at home, and neighbouring ones all are
+  UInt s = home;
+  for (UInt seen = 0; seen <= reach;) {
+    if (s + kSlots <= size) [[likely]] {
+      const UInt ends = Ends(entries + s, key);
+      if (ends != 0) [[likely]] {
+        return s + static_cast<UInt>(std::countr_zero(ends));
+      }
+      s += kSlots;
+      seen += kSlots;
+    } else {
+      if (entries[s].e_key == key || entries[s].e_key == T::kNone) return s;
+      s++;
+      seen++;
+    }
+    if (s == size) s = 0;
+  }
+  return kNoSlot;
+}
+
+// The first free slot from a key's home on.
+template <typename T>
+UInt FreeSlot(const typename T::Map& map, UInt home) {
+  const UInt s = ProbeEnd<T>(map, T::kNone, home, map.m_allocated);
+  if (s == kNoSlot) QX_DIE_IN(T::kModule, T::kFindName, ":idmap: no free slot: the map was written to by others");
+  return s;
+}
+
+// Puts a pair into a free slot.
+template <typename T>
+void Place(typename T::Map* map, UInt home, UInt s, typename T::Key key, typename T::Key val) {
+  if (map->m_used.t.length == map->m_used.t.capacity) {
+    ArrayGrow_(&map->m_used.a, sizeof(UInt), T::kModule, __LINE__);
+  }
+  map->m_entries[s] = {key, val};
+  map->m_used.t.elts[map->m_used.t.length++] = s;
+  const UInt distance = s >= home ? s - home : s + map->m_allocated - home;
+  if (distance > map->m_reach) map->m_reach = distance;
+}
+
+// Places a pair of the slots that a map had before it grew.
+template <typename T>
+void PlaceAgain(typename T::Map* map, const typename T::Entry* entry) {
+  const UInt home = Home<T>(*map, entry->e_key);
+  const UInt s = ProbeEnd<T>(*map, entry->e_key, home, map->m_allocated);
+  const bool added = s != kNoSlot && map->m_entries[s].e_key == T::kNone && entry->e_val != T::kNone;
+  QX_ASSERT_IN(T::kModule, T::kGrowName, added, "val == entry->e_val && added");
+  Place<T>(map, home, s, entry->e_key, entry->e_val);
+}
+
+// Places the pairs of the old slots, in their order. Slots of the new array are fetched ahead, so that one pair does
+// not wait for the other's.
+template <typename T>
+void PlaceAll(typename T::Map* map, const typename T::Entry* old, UInt old_size) {
+  std::array<const typename T::Entry*, kRing> ring;
+  size_t in = 0;
+  size_t out = 0;
+  for (UInt s = 0; s < old_size; s++) {
+    if (old[s].e_key == T::kNone) continue;
+    __builtin_prefetch(&map->m_entries[Home<T>(*map, old[s].e_key)], 1);
+    if (in - out == kRing) PlaceAgain<T>(map, ring[out++ % kRing]);
+    ring[in++ % kRing] = &old[s];
+  }
+  while (out != in) PlaceAgain<T>(map, ring[out++ % kRing]);
+}
+
+template <typename T>
+void Grow(typename T::Map* map, UInt capacity) {
+  QX_ASSERT_IN(T::kModule, T::kGrowName, map != nullptr, "map != ((void *)0)");
+  if (map->m_capacity >= capacity) return;
+  const UInt size = capacity <= kMaxCapacity ? Prime(capacity * 3 / 2) : 0;
+  if (size <= capacity) {
+    QX_DIE_IN(T::kModule, T::kGrowName, ":idmap: more slots than 32 bits can count: capacity=%u", capacity);
+  }
+  typename T::Entry* old = map->m_entries;
+  const UInt old_size = map->m_allocated;
+  map->m_capacity = capacity;
+  map->m_allocated = size;
+  map->m_reciprocal = qx::Reciprocal(size);
+  map->m_reach = 0;
+  map->m_entries =
+      static_cast<typename T::Entry*>(Allocate_(sizeof(typename T::Entry) * size, nullptr, T::kModule, __LINE__));
+  EmptySlots<T>(map);
+  map->m_used.t.length = 0;
+  if (old == nullptr) return;
+  PlaceAll<T>(map, old, old_size);
+  UnAllocate_(old, T::kModule, __LINE__);
+}
+
+template <typename T>
+typename T::Map* New() {
+  auto* map = static_cast<typename T::Map*>(Allocate_(sizeof(typename T::Map), nullptr, T::kModule, __LINE__));
+  *map = {};
+  ArrayInit_(&map->m_used.a);
+  Grow<T>(map, kFirstCapacity);
+  return map;
+}
+
+template <typename T>
+void Delete(typename T::Map* map) {
+  QX_ASSERT_IN(T::kModule, T::kDeleteName, map != nullptr, "map != ((void *)0)");
+  if (map->m_used.t.elts != nullptr) ArrayFree_(&map->m_used.a, T::kModule, __LINE__);
+  if (map->m_entries != nullptr) UnAllocate_(map->m_entries, T::kModule, __LINE__);
+  UnAllocate_(map, T::kModule, __LINE__);
+}
+
+template <typename T>
+void Clear(typename T::Map* map) {
+  QX_ASSERT_IN(T::kModule, T::kClearName, map != nullptr, "map != ((void *)0)");
+  const UInt used = map->m_used.t.length;
+  if (used > map->m_allocated / kSweepShare) {
+    EmptySlots<T>(map);
+  } else {
+    for (UInt i = 0; i < used; i++) map->m_entries[map->m_used.t.elts[i]].e_key = T::kNone;
+  }
+  map->m_used.t.length = 0;
+  map->m_reach = 0;
+}
+
+template <typename T>
+UInt Size(const typename T::Map* map) {
+  QX_ASSERT_IN(T::kModule, T::kSizeName, map != nullptr, "map != ((void *)0)");
+  return map->m_used.t.length;
+}
+
+template <typename T>
+void Get(const typename T::Map* map, UInt n, typename T::Key* key, typename T::Key* val) {
+  QX_ASSERT_IN(T::kModule, T::kGetName, map != nullptr && n < map->m_used.t.length,
+               "map != ((void *)0) && n < (((map)->m_used).t.length)");
+  const typename T::Entry& entry = map->m_entries[map->m_used.t.elts[n]];
+  *key = entry.e_key;
+  *val = entry.e_val;
+}
+
+// Inserts an absent key and returns its value. `s` is the slot that ended its probe, or kNoSlot. Not inlined: a look-up
+// that inserts nothing need not save the registers that growing takes.
+template <typename T>
+__attribute__((noinline)) typename T::Key Insert(typename T::Map* map, UInt home, UInt s, typename T::Key key,
+                                                 typename T::Key val) {
+  if (map->m_used.t.length == map->m_capacity) {
+    Grow<T>(map, map->m_used.t.length * 2);
+    QX_ASSERT_IN(T::kModule, T::kFindName, map->m_used.t.length < map->m_capacity,
+                 "(((map)->m_used).t.length) < map->m_capacity");
+    home = Home<T>(*map, key);
+    s = kNoSlot;
+  }
+  if (s == kNoSlot) s = FreeSlot<T>(*map, home);
+  Place<T>(map, home, s, key, val);
+  return val;
+}
+
+template <typename T>
+typename T::Key Find(typename T::Map* map, typename T::Key key, typename T::Key create, typename T::Key update,
+                     Boolean* added) {
+  QX_ASSERT_IN(T::kModule, T::kFindName, map != nullptr && key != T::kNone, T::kFindText);
+  const UInt home = Home<T>(*map, key);
+  const UInt s = ProbeEnd<T>(*map, key, home, map->m_reach);
+  const bool found = s != kNoSlot && map->m_entries[s].e_key == key;
+  const bool insert = !found && create != T::kNone;
+  if (added != nullptr) *added = insert ? TRUE : FALSE;
+  if (found) {
+    typename T::Entry& entry = map->m_entries[s];
+    if (update != T::kNone) entry.e_val = update;
+    return entry.e_val;
+  }
+  return insert ? Insert<T>(map, home, s, key, create) : T::kNone;
+}
+
+}  // namespace int_map
+
+#endif
