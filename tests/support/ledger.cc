@@ -1,0 +1,137 @@
+#include "support/ledger.h"
+
+#include <dlfcn.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "qxlib/misc.h"
+
+namespace {
+
+struct Books {
+  std::mutex mutex;
+  bool open = false;
+  size_t largest = 0;
+  std::set<void*> blocks, arrays;
+  std::map<void*, size_t> mappings;
+};
+
+Books& Open() {
+  static auto* books = new Books;
+  return *books;
+}
+
+int fail_array_after = -1;
+unsigned char array_fill = 0;
+bool fail_unmap = false;
+int unmap_error = 0;
+
+template <typename Function>
+Function* Real(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+template <typename Change>
+void Book(Change change) {
+  Books& books = Open();
+  const std::lock_guard<std::mutex> lock(books.mutex);
+  if (books.open) change(books);
+}
+
+}  // namespace
+
+namespace support {
+
+Ledger::Ledger() {
+  Books& books = Open();
+  const std::lock_guard<std::mutex> lock(books.mutex);
+  books.blocks.clear();
+  books.arrays.clear();
+  books.mappings.clear();
+  books.largest = 0;
+  books.open = true;
+}
+
+Ledger::~Ledger() {
+  Books& books = Open();
+  const std::lock_guard<std::mutex> lock(books.mutex);
+  books.open = false;
+}
+
+size_t Ledger::blocks() const { return Open().blocks.size(); }
+size_t Ledger::arrays() const { return Open().arrays.size(); }
+size_t Ledger::mappings() const { return Open().mappings.size(); }
+size_t Ledger::largest() const { return Open().largest; }
+
+void Ledger::Release() {
+  while (!Open().blocks.empty()) UnAllocate_(*Open().blocks.begin(), "tests/ledger", __LINE__);
+  while (!Open().arrays.empty()) AnonArrayFree_(*Open().arrays.begin(), "tests/ledger", __LINE__);
+  while (!Open().mappings.empty()) FileUnmap(Open().mappings.begin()->first, Open().mappings.begin()->second);
+}
+
+namespace faults {
+
+void FailAnonArray(int after) { fail_array_after = after; }
+void FillAnonArray(unsigned char byte) { array_fill = byte; }
+void FailFileUnmap(int error) {
+  fail_unmap = true;
+  unmap_error = error;
+}
+
+}  // namespace faults
+
+}  // namespace support
+
+extern "C" {
+
+void* Allocate_(size_t size, void* old, const char* file, int line) {
+  Book([old](Books& books) { books.blocks.erase(old); });
+  void* block = Real(Allocate_, "Allocate_")(size, old, file, line);
+  Book([block, size](Books& books) {
+    books.blocks.insert(block);
+    if (size > books.largest) books.largest = size;
+  });
+  return block;
+}
+
+void UnAllocate_(void* block, const char* file, int line) {
+  Book([block](Books& books) { books.blocks.erase(block); });
+  Real(UnAllocate_, "UnAllocate_")(block, file, line);
+}
+
+void* AnonArrayGrow_(size_t eltSize, UInt flags, ULong nvalues, UInt nbits, size_t* size, const char* file, int line) {
+  if (fail_array_after >= 0 && fail_array_after-- == 0) return nullptr;
+  size_t bytes = 0;
+  void* array = Real(AnonArrayGrow_, "AnonArrayGrow_")(eltSize, flags, nvalues, nbits, &bytes, file, line);
+  if (size != nullptr) *size = bytes;
+  if (array == nullptr) return nullptr;
+  if (array_fill != 0) std::memset(array, array_fill, bytes);
+  Book([array](Books& books) { books.arrays.insert(array); });
+  return array;
+}
+
+void AnonArrayFree_(void* array, const char* file, int line) {
+  Book([array](Books& books) { books.arrays.erase(array); });
+  Real(AnonArrayFree_, "AnonArrayFree_")(array, file, line);
+}
+
+void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empty) {
+  void* base = Real(FileMapRead, "FileMapRead")(dir, name, size, empty);
+  if (base != nullptr) Book([base, size](Books& books) { books.mappings[base] = *size; });
+  return base;
+}
+
+Boolean FileUnmap(void* base, size_t size) {
+  Book([base](Books& books) { books.mappings.erase(base); });
+  const Boolean done = Real(FileUnmap, "FileUnmap")(base, size);
+  if (!fail_unmap) return done;
+  fail_unmap = false;
+  errno = unmap_error;
+  return FALSE;
+}
+
+}  // extern "C"
