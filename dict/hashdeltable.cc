@@ -1,0 +1,410 @@
+// HashDelTable: its memory, look-up, removal, growth and clean-up.
+//
+// A slot array of heap offsets beside a heap of entries (heap_entry.h has their layout). A removed key leaves a
+// tombstone in its slot, so that keys behind it are still found, and its bytes in the heap.
+//
+//   t_entries  [ ---- | 48 | ++++ | ---- | 0 ]             ---- is kEmptySlot, ++++ kTombstone; n slots, n prime
+//   t_data     [ entry 0 ][ removed ][ entry 48 ].....     ends at t_data_used
+//
+// The way of a key through the slots starts at s0 = hash mod n and goes on by n - 2 - (s0 mod (n - 2)), modulo n; it
+// meets every slot once before it comes back to s0. For nearly every key the second slot is n - 2, which soon is taken
+// and stays in the cache, and the third is n - 4 - s0.
+//
+// Slots follow from the hashes and the order of insertion since the last clean-up: growing and cleaning up place the
+// heap's entries one after another into an empty array. Images carry slots, so this order is part of the format.
+
+#include "dict/hashdeltable.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <memory>
+
+#include "dict/hashdeltable_internal.h"
+#include "dict/heap_entry.h"
+#include "dict/report.h"
+#include "qxlib/misc.h"
+
+static_assert(offsetof(HashDelTable, t_data) == 24 && offsetof(HashDelTable, t_entries) == 32);
+static_assert(offsetof(HashDelTable, t_data_used) == 40 && offsetof(HashDelTable, t_data_size) == 48);
+static_assert(offsetof(HashDelTable, t_nkeys_max) == 56 && offsetof(HashDelTable, t_nkeys) == 60);
+static_assert(offsetof(HashDelTable, t_nentries) == 64 && offsetof(HashDelTable, t_deleted) == 68);
+static_assert(offsetof(HashDelTable, t_val_len) == 72 && offsetof(HashDelTable, t_selected) == 76);
+static_assert(offsetof(HashDelTable, t_key_size) == 80 && offsetof(HashDelTable, t_aligned) == 84);
+
+namespace hashdeltable {
+
+void NoteSlotCount(HashDelTable* table) {
+  table->t_divisor = table->t_nentries;
+  table->t_reciprocal = heap::Reciprocal(table->t_divisor);
+}
+
+}  // namespace hashdeltable
+
+namespace {
+
+using namespace hashdeltable;
+
+constexpr UInt kFewestSlots = 3;                   // below, there is no step; only an image can have so few
+constexpr UInt kSmallTable = 10000;                // slots that a cleared table keeps
+constexpr float kOnlyJustAbove1 = 0x1.0000a8p+0F;  // nearest to 1.00001
+
+static_assert(std::bit_cast<UInt>(kOnlyJustAbove1) == 0x3F800054);
+
+// What the shared insertion must know about this table.
+struct HashDelTableTraits {
+  using Table = HashDelTable;
+  static constexpr const char* kModule = hashdeltable::kModule;
+  static constexpr const char* kFindName = "HashDelTableFind";
+
+  // Whatever t_aligned says: it is about walking.
+  static bool Padded(const HashDelTable&) { return true; }
+
+  static bool ResizeHeap(HashDelTable* table, size_t size) {
+    table->t_data = static_cast<UByte*>(Allocate_(size, table->t_data, kModule, __LINE__));
+    std::memset(table->t_data + table->t_data_size, 0, size - table->t_data_size);
+    table->t_data_size = size;
+    return true;
+  }
+
+  static void CheckPlace(const HashDelTable&, size_t) {}
+};
+
+// The slot where the search for a key with this hash starts; 0 when there are no slots.
+UInt StartSlot(const HashDelTable& table, UInt hash) {
+  if (table.t_divisor == table.t_nentries) [[likely]] {
+    return heap::Remainder(hash, table.t_divisor, table.t_reciprocal);
+  }
+  return table.t_nentries != 0 ? hash % table.t_nentries : 0;
+}
+
+// The way of a key through at least kFewestSlots slots.
+class Probe {
+ public:
+  Probe(UInt slots, UInt start) : slots_(slots), start_(start), slot_(start) {
+    // start mod (n - 2): below 2 * (n - 2), but for n = 3.
+    size_t rest = start;
+    if (rest >= slots_ - 2) rest -= slots_ - 2;
+    if (rest >= slots_ - 2) rest -= slots_ - 2;
+    step_ = slots_ - 2 - rest;
+  }
+
+  UInt slot() const { return static_cast<UInt>(slot_); }
+
+  // Moves on; false when the way is back at its start.
+  bool Next() {
+    slot_ += step_;
+    if (slot_ >= slots_) slot_ -= slots_;
+    return slot_ != start_;
+  }
+
+ private:
+  size_t slots_;
+  size_t start_;
+  size_t slot_;
+  size_t step_;
+};
+
+// Where a search ended: at the key's slot, or at the empty slot where the key is to be inserted.
+struct Place {
+  UInt slot;    // kNoSlot: every slot on the way is taken
+  UInt offset;  // kEmptySlot: the key is absent
+};
+
+constexpr UInt kNoSlot = 0xFFFFFFFF;
+
+Place Search(const HashDelTable& table, UInt hash, const UByte* bytes, UInt len, void* ptr) {
+  const UInt slots = table.t_nentries;
+  if (slots < kFewestSlots) [[unlikely]]
+    return {kNoSlot, heap::kEmptySlot};
+  Probe probe(slots, StartSlot(table, hash));
+  do {
+    const UInt offset = table.t_entries[probe.slot()];
+    if (offset == heap::kEmptySlot) return {probe.slot(), heap::kEmptySlot};
+    if (offset != kTombstone && heap::Matches(table, offset, bytes, len, ptr)) return {probe.slot(), offset};
+    if (table.t_nentries != slots) [[unlikely]]  // the equality callback has changed the table
+      break;
+  } while (probe.Next());
+  return {kNoSlot, heap::kEmptySlot};
+}
+
+// The first empty slot on the way of a hash that starts at `start`, or kNoSlot.
+UInt EmptySlotFrom(const HashDelTable& table, UInt start) {
+  if (table.t_nentries < kFewestSlots || start >= table.t_nentries) return kNoSlot;
+  Probe probe(table.t_nentries, start);
+  do {
+    if (table.t_entries[probe.slot()] == heap::kEmptySlot) return probe.slot();
+  } while (probe.Next());
+  return kNoSlot;
+}
+
+// Whether a slot still holds what a search found there. A callback may have changed the table since.
+bool Holds(const HashDelTable& table, UInt slot, UInt value) {
+  return slot < table.t_nentries && table.t_entries[slot] == value;
+}
+
+void EmptySlots(HashDelTable* table) { std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_nentries); }
+
+// The capacity as far as it can be believed: an image may claim any.
+UInt CredibleCapacity(const HashDelTable& table) {
+  return std::min(table.t_nkeys_max, std::max(table.t_nentries, kSmallTable));
+}
+
+// The offsets of the live entries, in ascending order: a bit for each place in the heap where an entry can start.
+class LiveEntries {
+ public:
+  explicit LiveEntries(const HashDelTable& table) : heap_(std::min(table.t_data_used, table.t_data_size)) {
+    if (Mark(table, 3) % heap::kAlignment == 0) return;
+    UnAllocate_(words_, kModule, __LINE__);  // only an image has entries at odd places
+    Mark(table, 0);
+  }
+  ~LiveEntries() { UnAllocate_(words_, kModule, __LINE__); }
+  LiveEntries(const LiveEntries&) = delete;
+  LiveEntries& operator=(const LiveEntries&) = delete;
+
+  template <typename Visit>
+  void ForEach(Visit visit) const {
+    for (size_t w = 0; w < count_; w++) {
+      for (ULong word = words_[w]; word != 0; word &= word - 1) {
+        visit((w * 64 + static_cast<size_t>(std::countr_zero(word))) << shift_);
+      }
+    }
+  }
+
+ private:
+  // Marks every slot's entry inside the heap, and returns all their offsets, ored.
+  UInt Mark(const HashDelTable& table, unsigned shift) {
+    shift_ = shift;
+    count_ = (heap_ >> shift) / 64 + 1;
+    words_ = static_cast<ULong*>(Allocate_(sizeof(ULong) * count_, nullptr, kModule, __LINE__));
+    std::memset(words_, 0, sizeof(ULong) * count_);
+    UInt all = 0;
+    for (UInt s = 0; s < table.t_nentries; s++) {
+      const UInt offset = table.t_entries[s];
+      if (offset >= heap_ || offset >= kTombstone) continue;
+      all |= offset;
+      const size_t bit = offset >> shift;
+      words_[bit / 64] |= ULong{1} << (bit % 64);
+    }
+    return all;
+  }
+
+  size_t heap_;
+  unsigned shift_;
+  size_t count_;
+  ULong* words_;
+};
+
+// Moves entries, given in ascending order, to the front of the heap. Neighbours move together.
+//
+//   [ run written ][ pad ]......[ run: entry | entry | entry ]......
+//                         ^ to  ^ from_                      ^ end_
+//
+// An entry that is none, or starts inside its predecessor or in front of where it would go, is left behind: nothing
+// is ever moved up, and nothing leaves the heap.
+class Compactor {
+ public:
+  explicit Compactor(HashDelTable* table) : table_(table), aligned_(table->t_aligned != FALSE) {}
+
+  void Take(size_t offset) {
+    if (offset < end_) return;
+    const bool neighbour = offset == Round(end_) && Round(from_) == from_ && end_ != from_;
+    if (!neighbour) Flush();
+    if (offset < to_) return;
+    const heap::Key key = heap::KeyAt(*table_, offset);
+    if (key.bytes == nullptr) return;
+    if (!neighbour) from_ = offset;
+    end_ = static_cast<size_t>(key.bytes - table_->t_data) + key.length;
+  }
+
+  // The heap bytes then in use.
+  size_t Finish() {
+    Flush();
+    return to_;
+  }
+
+ private:
+  size_t Round(size_t offset) const { return aligned_ ? heap::RoundUp(offset) : offset; }
+
+  void Flush() {
+    const size_t length = end_ - from_;
+    if (from_ != to_) std::memmove(table_->t_data + to_, table_->t_data + from_, length);
+    const size_t end = to_ + length;
+    to_ = std::min(Round(end), table_->t_data_size);
+    std::memset(table_->t_data + end, 0, to_ - end);
+    from_ = end_;
+  }
+
+  HashDelTable* table_;
+  const bool aligned_;
+  size_t from_ = 0;  // the run not yet moved
+  size_t end_ = 0;
+  size_t to_ = 0;  // where it goes
+};
+
+// Moves the live entries to the front of the heap, in their order. The slots still tell the old offsets afterwards: the
+// caller rebuilds them.
+void HashDelTableRewrite(HashDelTable* table) {
+  Compactor compactor(table);
+  LiveEntries(*table).ForEach([&](size_t offset) { compactor.Take(offset); });
+  table->t_data_used = compactor.Finish();
+  table->t_deleted = 0;
+}
+
+// Cleans up and hashes every key anew into slots for this capacity.
+void Rebuild(HashDelTable* table, UInt capacity, void* ptr) {
+  if (table->t_deleted != 0) HashDelTableRewrite(table);
+  table->t_nkeys_max = capacity;
+  table->t_nentries = Prime(heap::SlotsFor(capacity));
+  const size_t size = sizeof(UInt) * table->t_nentries;
+  table->t_entries = static_cast<UInt*>(Allocate_(size, table->t_entries, kModule, __LINE__));
+  NoteSlotCount(table);
+  EmptySlots(table);
+  heap::Rehash(
+      *table, table->t_entries, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
+      [&](UInt start, UInt offset) {
+        const UInt slot = EmptySlotFrom(*table, start);
+        if (slot == kNoSlot) return false;
+        table->t_entries[slot] = offset;
+        return true;
+      });
+}
+
+}  // namespace
+
+namespace hashdeltable {
+
+void HashDelTableNormalize(HashDelTable* table, void* ptr) {
+  QX_ASSERT_IN(kModule, "HashDelTableGrow", !table->t_selected, "!table->t_selected");
+  const UInt old = CredibleCapacity(*table);
+  UInt capacity;
+  if (!heap::ScaleCapacity(old, kOnlyJustAbove1, &capacity)) capacity = std::min(old, heap::kMaximumCapacity);
+  Rebuild(table, capacity, ptr);
+}
+
+}  // namespace hashdeltable
+
+void HashDelTableInit(HashDelTable* table, UInt capacity, HashKeyFunction hash, HashValueFunction value,
+                      HashEqualFunction equal, UInt val_len, UByte key_size) {
+  if (capacity > heap::kMaximumCapacity) QX_DIE(":hashdeltable: capacity too large: capacity=%u", capacity);
+  *table = {};
+  table->t_hash = hash;
+  table->t_value = value;
+  table->t_equal = equal;
+  table->t_val_len = val_len;
+  table->t_key_size = key_size;
+  table->t_aligned = TRUE;
+  table->t_nkeys_max = std::max(capacity, heap::kMinimumCapacity);
+  table->t_nentries = Prime(heap::SlotsFor(table->t_nkeys_max));
+  table->t_data_size = size_t{5} * table->t_nentries;
+  NoteSlotCount(table);
+
+  const size_t slots_size = sizeof(UInt) * table->t_nentries;
+  table->t_entries = static_cast<UInt*>(Allocate_(slots_size, nullptr, kModule, __LINE__));
+  table->t_data = static_cast<UByte*>(Allocate_(table->t_data_size, nullptr, kModule, __LINE__));
+  EmptySlots(table);
+  std::memset(table->t_data, 0, table->t_data_size);
+}
+
+HashDelTable* HashDelTableNew(UInt capacity, HashKeyFunction hash, HashValueFunction value, HashEqualFunction equal,
+                              UInt val_len, UInt key_size) {
+  auto* table = static_cast<HashDelTable*>(Allocate_(sizeof(HashDelTable), nullptr, kModule, __LINE__));
+  HashDelTableInit(table, capacity, hash, value, equal, val_len, static_cast<UByte>(key_size));
+  return table;
+}
+
+void HashDelTableFree(HashDelTable* table) {
+  UnAllocate_(table->t_data, kModule, __LINE__);
+  UnAllocate_(table->t_entries, kModule, __LINE__);
+  UnAllocate_(table, kModule, __LINE__);
+}
+
+void HashDelTableClear(HashDelTable* table) {
+  const bool holds_capacity = table->t_nentries >= std::max(table->t_nkeys_max, kFewestSlots);
+  if (table->t_nentries > kSmallTable || !holds_capacity) {
+    UnAllocate_(table->t_entries, kModule, __LINE__);
+    UnAllocate_(table->t_data, kModule, __LINE__);
+    HashDelTableInit(table, heap::kMinimumCapacity, table->t_hash, table->t_value, table->t_equal, table->t_val_len,
+                     table->t_key_size);
+    return;
+  }
+  table->t_nkeys = 0;
+  table->t_deleted = 0;
+  table->t_data_used = 0;
+  table->t_selected = FALSE;
+  EmptySlots(table);
+}
+
+HashDelTable* HashDelTableCopy(const HashDelTable* table) {
+  const size_t slots_size = sizeof(UInt) * table->t_nentries;
+  auto* copy = static_cast<HashDelTable*>(Allocate_(sizeof(HashDelTable), nullptr, kModule, __LINE__));
+  *copy = *table;
+  copy->t_data = static_cast<UByte*>(Allocate_(table->t_data_size, nullptr, kModule, __LINE__));
+  copy->t_entries = static_cast<UInt*>(Allocate_(slots_size, nullptr, kModule, __LINE__));
+  std::memcpy(copy->t_data, table->t_data, table->t_data_size);
+  std::memcpy(copy->t_entries, table->t_entries, slots_size);
+  return copy;
+}
+
+UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT(!table->t_selected);
+  QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
+
+  const Place place = Search(*table, hash, bytes, len, ptr);
+  if (place.offset != heap::kEmptySlot) {
+    if (offset != nullptr) *offset = place.offset;
+    return table->t_data + place.offset;
+  }
+  if (!create || place.slot == kNoSlot) return nullptr;
+  // Tombstones count twice: the table is to be cleaned up before its probes grow long with them.
+  if (size_t{2} * table->t_deleted + table->t_nkeys >= table->t_nkeys_max) return nullptr;
+
+  const UInt slots = table->t_nentries;
+  size_t entry;
+  if (!heap::Append<HashDelTableTraits>(table, bytes, len, ptr, &entry)) return nullptr;
+  UInt slot = place.slot;
+  if (table->t_nentries != slots || !Holds(*table, slot, heap::kEmptySlot)) [[unlikely]] {
+    slot = EmptySlotFrom(*table, StartSlot(*table, hash));  // the value callback has changed the table
+    if (slot == kNoSlot) return nullptr;
+  }
+  table->t_entries[slot] = static_cast<UInt>(entry);
+  table->t_nkeys++;
+  if (offset != nullptr) *offset = static_cast<UInt>(entry);
+  return table->t_data + entry;
+}
+
+Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt len, void* ptr) {
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT(!table->t_selected);
+  const Place place = Search(*table, hash, bytes, len, ptr);
+  if (place.offset == heap::kEmptySlot || !Holds(*table, place.slot, place.offset)) return FALSE;
+  table->t_deleted++;
+  table->t_nkeys--;
+  table->t_entries[place.slot] = kTombstone;
+  return TRUE;
+}
+
+void HashDelTableGrow(HashDelTable* table, float factor, void* ptr) {
+  QX_ASSERT(!table->t_selected);
+  QX_ASSERT_TEXT(factor > 1.0F, "factor > 1.0");
+  UInt capacity;
+  if (!heap::ScaleCapacity(CredibleCapacity(*table), factor, &capacity)) {
+    QX_MESSAGE(qx::kFailure, FALSE, ":hashdeltable: capacity too large: capacity=%u, factor=%g", table->t_nkeys_max,
+               static_cast<double>(factor));
+    return;
+  }
+  Rebuild(table, capacity, ptr);
+}
+
+UInt HashDelTableKey(const HashDelTable* table, const UByte* val, const UByte** bytes) {
+  return heap::KeyOf(*table, val, bytes);
+}
+
+UByte* HashDelTableGetOffset(const HashDelTable* table, UInt offset) { return table->t_data + offset; }
+
+UInt HashDelTableSize(const HashDelTable* table) { return table->t_nkeys; }
+
+UInt HashDelTableCapacity(const HashDelTable* table) { return table->t_nkeys_max; }
+
+Boolean HashDelTableFull(const HashDelTable* table) { return table->t_nkeys == table->t_nkeys_max; }
