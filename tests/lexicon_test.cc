@@ -33,7 +33,7 @@ class LexiconTest : public ::testing::Test {
  protected:
   LexiconTest() {
     support::WriteFile(directory_.file("list"), "apple\nbanana\r\ncherry\n\nbanana\ndate\n");
-    support::WriteFile(directory_.file("text"), "Apple, banana: apple! Elderberry 'date' apple's\n");
+    support::WriteFile(directory_.file("text"), "Apple, banana: apple! Elderberry\n'date' apple's\n");
   }
 
   std::string Basics() const { return "--words " + directory_.file("list") + " --out " + directory_.file("out") + " "; }
@@ -42,12 +42,17 @@ class LexiconTest : public ::testing::Test {
 };
 
 TEST_F(LexiconTest, CountsBuildsWritesAndLooksUp) {
-  const Outcome run = Lexicon(Basics() + "--look-up cherry --look-up fig " + directory_.file("text"));
+  const Outcome run =
+      Lexicon(Basics() + "--look-up cherry --look-up apple --look-up date --look-up fig " + directory_.file("text"));
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_THAT(run.output, HasSubstr("6 words, 5 different"));
   EXPECT_THAT(run.output, HasSubstr("    4 words in "));
   EXPECT_THAT(run.output, HasSubstr("hdict: nentries=4"));
-  EXPECT_THAT(run.output, HasSubstr("cherry                   is word 3"));
+  EXPECT_THAT(run.output,
+              HasSubstr("the most frequent:\n        apple (2) apple's (1) banana (1) date (1) elderberry (1)\n"));
+  EXPECT_THAT(run.output, HasSubstr("cherry                   is word 3, not in the texts"));
+  EXPECT_THAT(run.output, HasSubstr("apple                    is word 1, 2 times, first in line 1"));
+  EXPECT_THAT(run.output, HasSubstr("date                     is word 4, 1 time, first in line 2"));
   EXPECT_THAT(run.output, HasSubstr("fig                      is not in it"));
   EXPECT_THAT(run.output, HasSubstr("of the 5 counted words 3 are in it, 2 are not"));
   EXPECT_TRUE(std::filesystem::exists(directory_.file("out/words.dic")));

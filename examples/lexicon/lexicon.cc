@@ -17,7 +17,19 @@ bool InWord(unsigned char c) {
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-void Count(HashTable* counts, std::string_view word) {
+WordCount ValueOf(const UByte* entry) {
+  WordCount value;
+  std::memcpy(&value, entry, sizeof value);
+  return value;
+}
+
+std::string_view KeyOf(const HashTable* table, const UByte* entry) {
+  const UByte* bytes = nullptr;
+  const UInt length = HashTableKey(table, entry, &bytes);
+  return {reinterpret_cast<const char*>(bytes), length};
+}
+
+void Count(HashTable* counts, std::string_view word, UInt line) {
   const UInt length = static_cast<UInt>(word.size());
   UByte* entry = HashTableFind(counts, Bytes(word), length, TRUE, nullptr, nullptr);
   if (entry == nullptr && HashTableFull(counts)) {
@@ -25,8 +37,8 @@ void Count(HashTable* counts, std::string_view word) {
     entry = HashTableFind(counts, Bytes(word), length, TRUE, nullptr, nullptr);
   }
   if (entry == nullptr) throw Error{"the table of counted words cannot grow any more"};
-  WordCount value;
-  std::memcpy(&value, entry, sizeof value);
+  WordCount value = ValueOf(entry);
+  if (value.count == 0) value.first_line = line;
   value.count++;
   std::memcpy(entry, &value, sizeof value);
 }
@@ -38,6 +50,9 @@ std::ifstream OpenText(const std::string& path) {
   in.clear();
   return in;
 }
+
+// What the base library recorded about the file that failed last.
+std::string LastError() { return std::string(QXErrorText()) + ": " + std::strerror(QXErrorCode()); }
 
 // The callback through which the builder asks for the keys.
 UShort KeyOfWord(void* words, Id index, const UByte** bytes) {
@@ -57,11 +72,12 @@ Table NewCounts() {
 size_t CountWords(HashTable* counts, const std::string& path) {
   std::ifstream in = OpenText(path);
   size_t words = 0;
+  UInt line = 1;
   std::string word;
   const auto finish = [&] {
     while (!word.empty() && word.back() == '\'') word.pop_back();
     if (word.empty()) return;
-    Count(counts, word);
+    Count(counts, word, line);
     words++;
     word.clear();
   };
@@ -73,6 +89,7 @@ size_t CountWords(HashTable* counts, const std::string& path) {
         word += Lower(c);
       } else {
         finish();
+        if (c == '\n') line++;
       }
     }
   }
@@ -81,16 +98,42 @@ size_t CountWords(HashTable* counts, const std::string& path) {
   return words;
 }
 
-void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, UInt)>& visit) {
+void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, WordCount)>& visit) {
   HashTableIterator* it = HashTableIteratorInit(counts);
   for (; !HashTableIteratorEnd(it); HashTableIteratorNext(it)) {
     const UByte* bytes = nullptr;
     const UInt length = HashTableIteratorGetKey(it, &bytes);
-    WordCount value;
-    std::memcpy(&value, HashTableIteratorGetValue(it), sizeof value);
-    visit({reinterpret_cast<const char*>(bytes), length}, value.count);
+    visit({reinterpret_cast<const char*>(bytes), length}, ValueOf(HashTableIteratorGetValue(it)));
   }
   HashTableIteratorFinalize(it);
+}
+
+void Save(const HashTable* counts, const std::string& path) {
+  if (!HashTableWrite(counts, path.c_str())) throw Error{LastError()};
+}
+
+Table Load(const std::string& path) {
+  Table counts(HashTableRead(path.c_str(), nullptr, nullptr, nullptr, TRUE));
+  if (!counts) throw Error{LastError()};
+  return counts;
+}
+
+std::vector<std::pair<std::string, UInt>> MostFrequent(HashTable* counts, UInt most) {
+  const HashCompareFunction by_count = [](const UByte* a, const UByte* b, void* table) {
+    const UInt count_a = ValueOf(a).count;
+    const UInt count_b = ValueOf(b).count;
+    if (count_a != count_b) return count_a > count_b ? -1 : 1;
+    const auto* words = static_cast<const HashTable*>(table);
+    return KeyOf(words, a).compare(KeyOf(words, b));
+  };
+  const UInt chosen = HashTableSelect(counts, 0, nullptr, nullptr, nullptr);
+  HashTableSort(counts, by_count, counts, nullptr);
+  std::vector<std::pair<std::string, UInt>> result;
+  for (UInt i = 0; i < chosen && i < most; i++) {
+    const UByte* entry = HashTableGetIndex(counts, i, nullptr);
+    result.emplace_back(KeyOf(counts, entry), ValueOf(entry).count);
+  }
+  return result;
 }
 
 std::vector<std::string> ReadWordList(const std::string& path) {
@@ -134,6 +177,39 @@ MappedDictionary Open(const std::string& directory, const std::string& name) {
 
 Id LookUp(const HashDict* dictionary, std::string_view word) {
   return HashDictFind(dictionary, Bytes(word), static_cast<UInt>(word.size()));
+}
+
+void WriteAttributes(const std::vector<std::string>& words, HashTable* counts, const std::string& directory,
+                     const std::string& name) {
+  AttrDict* attributes = AttrDictBuild(directory.c_str(), name.c_str(), FALSE);
+  if (attributes == nullptr) {
+    throw Error{"cannot write " + directory + "/" + name + ".idx: " + std::strerror(errno)};
+  }
+  for (const std::string& word : words) {
+    const UByte* entry = HashTableFind(counts, Bytes(word), static_cast<UInt>(word.size()), FALSE, nullptr, nullptr);
+    std::string text;
+    if (entry != nullptr) {
+      const WordCount value = ValueOf(entry);
+      text = std::to_string(value.count) + (value.count == 1 ? " time" : " times") + ", first in line " +
+             std::to_string(value.first_line);
+    }
+    AttrDictAdd(attributes, Bytes(text), static_cast<UByte>(text.size()));
+  }
+  if (!AttrDictCommit(attributes)) {
+    throw Error{"cannot write " + directory + "/" + name + ".dat: " + std::strerror(errno)};
+  }
+}
+
+Attributes OpenAttributes(const std::string& directory, const std::string& name) {
+  Attributes attributes(AttrDictOpen(directory.c_str(), name.c_str()));
+  if (!attributes) throw Error{"cannot open " + directory + "/" + name + ".idx: " + std::strerror(errno)};
+  return attributes;
+}
+
+std::string AttributeOf(const AttrDict* attributes, Id id) {
+  const UByte* bytes = nullptr;
+  const UByte length = AttrDictGet(attributes, id, &bytes);
+  return length == 0 ? std::string() : std::string(reinterpret_cast<const char*>(bytes), length);
 }
 
 }  // namespace lexicon

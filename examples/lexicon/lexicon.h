@@ -1,4 +1,5 @@
-// The three steps of the example: count the words of texts, build a dictionary of a word list, look words up in it.
+// The steps of the example: count the words of texts and keep the counts in a file, build a dictionary of a word list
+// with an attribute a word, look words up in it.
 
 #ifndef EXAMPLES_LEXICON_LEXICON_H
 #define EXAMPLES_LEXICON_LEXICON_H
@@ -9,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "dict/attrdict.h"
 #include "dict/hashdict.h"
 #include "dict/hashtable.h"
 
@@ -28,13 +30,18 @@ struct FreeDictionary {
 struct CloseDictionary {
   void operator()(HashDict* dictionary) const { HashDictClose(dictionary); }
 };
+struct CloseAttributes {
+  void operator()(AttrDict* attributes) const { AttrDictClose(attributes); }
+};
 using Table = std::unique_ptr<HashTable, FreeTable>;
 using BuiltDictionary = std::unique_ptr<HashDict, FreeDictionary>;
 using MappedDictionary = std::unique_ptr<HashDict, CloseDictionary>;
+using Attributes = std::unique_ptr<AttrDict, CloseAttributes>;
 
 // What a word's value in the counting table holds.
 struct WordCount {
   UInt count;
+  UInt first_line;  // of the text in which the word was met first, from 1
 };
 
 // An empty table for counting, in mapped memory.
@@ -45,7 +52,15 @@ Table NewCounts();
 size_t CountWords(HashTable* counts, const std::string& path);
 
 // Calls `visit` for each counted word, in order of first appearance.
-void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, UInt)>& visit);
+void ForEachCount(const HashTable* counts, const std::function<void(std::string_view, WordCount)>& visit);
+
+// Writes the counts to a file, and reads such a file. Both throw Error when they fail.
+void Save(const HashTable* counts, const std::string& path);
+Table Load(const std::string& path);
+
+// The `most` most frequent words, the most frequent first and those that are as frequent in alphabetical order. Spends
+// the table: afterwards it cannot be searched.
+std::vector<std::pair<std::string, UInt>> MostFrequent(HashTable* counts, UInt most);
 
 // The distinct words of a list, one a line. Throws Error when the file cannot be read or holds no word.
 std::vector<std::string> ReadWordList(const std::string& path);
@@ -57,6 +72,15 @@ BuiltDictionary Build(const std::vector<std::string>& words, UByte probe_bytes);
 // Writes the dictionary to <directory>/<name>.dic, and maps that file again. Both throw Error when they fail.
 void Write(const HashDict* dictionary, const std::string& directory, const std::string& name);
 MappedDictionary Open(const std::string& directory, const std::string& name);
+
+// Writes, for each word, how often it was counted and where it was met first, to <directory>/<name>.idx and .dat; opens
+// such a pair. Both throw Error when they fail.
+void WriteAttributes(const std::vector<std::string>& words, HashTable* counts, const std::string& directory,
+                     const std::string& name);
+Attributes OpenAttributes(const std::string& directory, const std::string& name);
+
+// The attribute of word `id`: "3 times, first in line 12", or nothing when it was not counted.
+std::string AttributeOf(const AttrDict* attributes, Id id);
 
 constexpr Id kAbsent = 0xFFFFFFFE;
 

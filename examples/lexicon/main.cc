@@ -1,5 +1,6 @@
-// lexicon: counts the words of texts, builds a perfect-hash dictionary of a word list, writes it to a file, maps that
-// file again and looks words up: the library's main job, in plain use of its public headers.
+// lexicon: counts the words of texts, keeps the counts in a file, builds a perfect-hash dictionary of a word list with
+// an attribute a word, writes both, maps the files again and looks words up: the library's main job, in plain use of
+// its public headers.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,8 +19,11 @@ namespace {
 constexpr char kUsage[] =
     "usage: lexicon --words LIST --out DIRECTORY [--look-up WORD]... TEXT...\n"
     "\n"
-    "Counts the words of each TEXT, builds a dictionary of the words in LIST (one a line), writes it to\n"
-    "DIRECTORY/words.dic, maps it, and looks up every WORD and every counted word.\n";
+    "Counts the words of each TEXT into DIRECTORY/counts.tab, builds a dictionary of the words in LIST (one a\n"
+    "line), writes it to DIRECTORY/words.dic and what was counted of each word to words.idx and words.dat,\n"
+    "maps the files, and looks up every WORD and every counted word.\n";
+
+constexpr UInt kMostFrequent = 10;
 
 struct Options {
   std::string list;
@@ -123,7 +127,25 @@ void CountTexts(HashTable* counts, const std::vector<std::string>& texts) {
               Duration(seconds).c_str(), Rate(words, seconds).c_str());
 }
 
-void BuildAndWrite(const Options& options) {
+void MakeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
+    throw lexicon::Error{"cannot make " + path + ": " + std::strerror(errno)};
+  }
+}
+
+// Saves the counts, reads them back, and shows the most frequent words of what came back.
+void SaveAndRank(const HashTable* counts, const std::string& path) {
+  const Clock clock;
+  lexicon::Save(counts, path);
+  const lexicon::Table saved = lexicon::Load(path);
+  const auto ranked = lexicon::MostFrequent(saved.get(), kMostFrequent);
+  std::printf("    saved to %s, read back and ranked in %s; the most frequent:\n       ", path.c_str(),
+              Duration(clock.Seconds()).c_str());
+  for (const auto& [word, count] : ranked) std::printf(" %s (%s)", word.c_str(), Grouped(count).c_str());
+  std::printf("\n");
+}
+
+void BuildAndWrite(const Options& options, HashTable* counts) {
   std::printf("\nBuilding a dictionary of %s\n", options.list.c_str());
   const std::vector<std::string> words = lexicon::ReadWordList(options.list);
   const Clock clock;
@@ -134,20 +156,21 @@ void BuildAndWrite(const Options& options) {
               Rate(words.size(), seconds).c_str());
   std::printf("    %s, %.1f bits a word, the longest word %u bytes\n", Size(size).c_str(),
               8.0 * static_cast<double>(size) / static_cast<double>(words.size()), HashDictMaxLength(dictionary.get()));
-  if (mkdir(options.directory.c_str(), 0777) != 0 && errno != EEXIST) {
-    throw lexicon::Error{"cannot make " + options.directory + ": " + std::strerror(errno)};
-  }
   lexicon::Write(dictionary.get(), options.directory, "words");
-  std::printf("    written to %s/words.dic\n", options.directory.c_str());
+  lexicon::WriteAttributes(words, counts, options.directory, "words");
+  std::printf("    written to %s/words.dic, with an attribute a word in words.idx and words.dat\n",
+              options.directory.c_str());
 }
 
-void LookUpGiven(const HashDict* dictionary, const std::vector<std::string>& words) {
+void LookUpGiven(const HashDict* dictionary, const AttrDict* attributes, const std::vector<std::string>& words) {
   for (const std::string& word : words) {
     const Id id = lexicon::LookUp(dictionary, word);
     if (id == lexicon::kAbsent) {
       std::printf("    %-24s is not in it\n", word.c_str());
     } else {
-      std::printf("    %-24s is word %s\n", word.c_str(), Grouped(id + size_t{1}).c_str());
+      const std::string attribute = lexicon::AttributeOf(attributes, id);
+      std::printf("    %-24s is word %s, %s\n", word.c_str(), Grouped(id + size_t{1}).c_str(),
+                  attribute.empty() ? "not in the texts" : attribute.c_str());
     }
   }
 }
@@ -157,12 +180,12 @@ void LookUpCounted(const HashDict* dictionary, const HashTable* counts) {
   size_t unknown = 0;
   std::vector<std::pair<UInt, std::string>> strangers;
   const Clock clock;
-  lexicon::ForEachCount(counts, [&](std::string_view word, UInt count) {
+  lexicon::ForEachCount(counts, [&](std::string_view word, lexicon::WordCount value) {
     if (lexicon::LookUp(dictionary, word) != lexicon::kAbsent) {
       known++;
     } else {
       unknown++;
-      strangers.emplace_back(count, word);
+      strangers.emplace_back(value.count, word);
     }
   });
   const double seconds = clock.Seconds();
@@ -179,12 +202,15 @@ void LookUpCounted(const HashDict* dictionary, const HashTable* counts) {
 void Run(const Options& options) {
   const lexicon::Table counts = lexicon::NewCounts();
   CountTexts(counts.get(), options.texts);
-  BuildAndWrite(options);
+  MakeDirectory(options.directory);
+  SaveAndRank(counts.get(), options.directory + "/counts.tab");
+  BuildAndWrite(options, counts.get());
 
   const Clock clock;
   const lexicon::MappedDictionary dictionary = lexicon::Open(options.directory, "words");
-  std::printf("\nLooking words up in the mapped file, opened in %s\n", Duration(clock.Seconds()).c_str());
-  LookUpGiven(dictionary.get(), options.look_ups);
+  const lexicon::Attributes attributes = lexicon::OpenAttributes(options.directory, "words");
+  std::printf("\nLooking words up in the mapped files, opened in %s\n", Duration(clock.Seconds()).c_str());
+  LookUpGiven(dictionary.get(), attributes.get(), options.look_ups);
   LookUpCounted(dictionary.get(), counts.get());
 }
 
