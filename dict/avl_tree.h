@@ -271,10 +271,14 @@ struct Neighbours {
 
 template <typename T>
 Neighbours SearchNeighbours(typename T::Dict* dict, typename T::Key v) {
-  Index passed[] = {kHeader, kHeader};  // below, above
+  Neighbours near{kSentinel, kHeader, kHeader};
   const typename T::Node* nodes = dict->d_nodes;
-  const Index found = tree::Search<T>(dict, v, [&passed, nodes, v](Index x) { passed[v < nodes[x].n_key] = x; });
-  return {found, passed[0], passed[1]};
+  near.found = tree::Search<T>(dict, v, [&near, nodes, v](Index x) {
+    const bool above = v < nodes[x].n_key;
+    near.hi = above ? x : near.hi;
+    near.lo = above ? near.lo : x;
+  });
+  return near;
 }
 
 // The height of the tree under x.

@@ -26,7 +26,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstring>
 
 #include "dict/report.h"
 #include "qxlib/misc.h"
@@ -78,15 +77,14 @@ void ReplaceChild(Node& node, Index old, Index child) {
   }
 }
 
-// The child on the side where `v` belongs. The link is chosen by its address: a branch here would be guessed wrong at
-// every other level.
+// The child on the side where `v` belongs, chosen by arithmetic: a branch here would be guessed wrong at every other
+// level.
 template <typename Node, typename Key>
 Index Toward(const Node& node, Key v) {
-  static_assert(offsetof(Node, n_right) == 0 && offsetof(Node, n_left) == sizeof(Index));
-  const size_t offset = v < node.n_key ? sizeof(Index) : 0;
-  Index word;
-  std::memcpy(&word, reinterpret_cast<const char*>(&node) + offset, sizeof word);
-  return word & kIndexMask;
+  const Index left = node.n_left;
+  const Index right = node.n_right;
+  const Index if_left = Index{0} - static_cast<Index>(v < node.n_key);  // all ones, or 0
+  return (right ^ ((left ^ right) & if_left)) & kIndexMask;
 }
 
 template <typename Dict>
