@@ -1,0 +1,286 @@
+// The collector: one thread a cache, which turns full pages into free ones.
+//
+//   full list, tail first         the page being filled           free list
+//   [ live | old | live | dead ] --live ones--> [ live | live | ....  ]
+//    ^ emptied: goes to the head of the free list                  ^ no room left: goes to the head of the full list
+//
+// A block is worth keeping when it has not expired and was used after a limit, which an age histogram suggests. The
+// rest is dropped, index entry included. Three oddities are deliberate, and callers are told of them in qxcache.h:
+//
+// - Whether a newer store has hidden a block plays no part: a kept one becomes what the index names, a dropped one
+// takes
+//   its key out of the index even when the entry names a newer block, which then lies unreachable until it is dropped.
+// - The histogram's reference time stays the cache's creation. Every shift moves the counts by all the time since then,
+//   so after 100 generations each one empties the histogram, and the limit is then 100 generations back.
+// - When the emergency loop has freed enough, the page that it holds at that moment is on no list any more. Its blocks
+//   can be fetched as long as the index names them; the page itself comes back only with the cache's end.
+
+#include "dict/qxcache_internal.h"
+#include "dict/report.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qxcache {
+namespace {
+
+// Percent of the pages that are free. Without any page there is no share of them. Caller holds c_alloc_mutex.
+double FreePercent(const Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  const ULong pages = ULong{cache->c_regions.t.length} * cache->c_region_size;
+  return pages == 0 ? 0.0 : 100.0 * cache->c_nb_free_pages / static_cast<double>(pages);
+}
+
+// The block is not among the living any more. Caller holds p_mutex.
+void MarkDead(CacheBlock* block) { block->b_created = kDead; }
+
+// Takes an object out of the counts. Caller holds the p_mutex of its page.
+void Uncount(Cache* cache, const CacheBlock* block, const char* function) {
+  const int bucket = GetHistogramIndex(cache, block->b_accessed);
+  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
+  if (bucket >= 0 && cache->c_age_histogram[bucket] > 0) cache->c_age_histogram[bucket]--;
+  QX_ASSERT_IN(kModule, function, cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size,
+               "cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size");
+  cache->c_nb_objects -= 1;
+  cache->c_total_size -= block->b_size;
+}
+
+// Caller holds the p_mutex of its page.
+void Drop(Cache* cache, CacheBlock* block, const char* function) {
+  IndexRemove(cache, block->b_key);
+  MarkDead(block);
+  Uncount(cache, block, function);
+}
+
+// Appends a copy, which the index names from then on. Caller holds both pages' p_mutex and has seen that there is room.
+void Move(Cache* cache, CacheBlock* block, Page* to, const char* function) {
+  const size_t total = sizeof(CacheBlock) + block->b_size;
+  CacheBlock* const new_block = BlockAt(to->p_alloc_ptr);
+  PageAddBlockUnlocked(to, new_block, total);  // first: in an emptied page p_last may lie under the copy
+  std::memcpy(new_block, block, total);
+  new_block->b_page = to;
+  new_block->b_next = nullptr;
+  QX_ASSERT_IN(kModule, function, new_block->b_created != kDead, "((new_block)->b_created != (ULong) -1)");
+  IndexInsert(cache, new_block->b_key, new_block);
+  MarkDead(block);
+}
+
+// n * percent / 100, truncated, whatever the percentage is.
+ULong Share(UInt n, double percent) {
+  const double share = n * percent / 100.0;
+  if (!(share > 0.0)) return 0;  // a negative share is as good as none; so is no number
+  constexpr double kTooMuch = 18446744073709551616.0;
+  return share < kTooMuch ? static_cast<ULong>(share) : ULONG_MAX;
+}
+
+// Sleeps until a page is taken, for a second at most, or not at all when the cache is closing. Caller holds
+// c_alloc_mutex.
+void Rest(Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  if (!cache->c_closing) ConditionTimedWait(&cache->c_alloc_cond, &cache->c_alloc_mutex, kIdleMilliseconds);
+}
+
+// Holds a full page's mutex and then that of the page it is copied into.
+//
+// The second one is tried, not waited for. Where a reader holds it, the first is let go until he has finished: nobody
+// who reads the full page has to wait for somebody who reads the other one. And since a page is the source of a copy
+// today and its target tomorrow, waiting would look like an inversion to tools that watch the order of mutexes, though
+// nobody but the collector ever holds two.
+class PagePair {
+ public:
+  PagePair(Page* full, Page* free) : full_(&full->p_mutex), free_(&free->p_mutex) {
+    MutexLock(full_, LockRank::kPage);
+    while (!MutexTryLock(free_, LockRank::kTargetPage)) {
+      MutexUnlock(full_);
+      { const Lock reader_has_finished(free_, LockRank::kPage); }
+      MutexLock(full_, LockRank::kPage);
+    }
+  }
+  ~PagePair() {
+    MutexUnlock(free_);
+    MutexUnlock(full_);
+  }
+  PagePair(const PagePair&) = delete;
+  PagePair& operator=(const PagePair&) = delete;
+
+ private:
+  Mutex* full_;
+  Mutex* free_;
+};
+
+UInt FullPages(Cache* cache) {
+  const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+  return cache->c_nb_full_pages;
+}
+
+// No page is free, not even one to copy into: drops whole full pages until the free share passes the low threshold.
+// Returns how many.
+UInt Emergency(Cache* cache) {
+  for (UInt freed = 0;; freed++) {
+    Page* page;
+    {
+      const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+      if (cache->c_closing) return freed;
+      page = GetFullPage(cache, FALSE, FALSE);
+      if (page == nullptr) return freed;
+      // Enough is free: the page just taken stays on no list.
+      if (cache->c_nb_free_pages > kReservedPages && FreePercent(cache) > cache->c_gc_low_threshold) return freed;
+    }
+    PageFreeBlocks(cache, page);
+    AddFreePage(cache, page, TRUE, TRUE);
+  }
+}
+
+// Tells after each copy pass whether collecting on can gain anything. Where everything is worth keeping, copying would
+// go round all pages for ever and give back as many as it fills: a round, in which as many pages were emptied as were
+// full when it began, must have given more pages back than it has filled.
+struct Round {
+  UInt length;  // pages to empty
+  UInt emptied = 0;
+  UInt filled = 0;
+
+  bool Fruitful() const { return emptied > filled; }
+};
+
+}  // namespace
+
+bool GCSafetyThreshold(const Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  return cache->c_nb_free_pages <= kReservedPages || cache->c_safety_threshold >= FreePercent(cache);
+}
+
+bool GCLowThreshold(const Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  return cache->c_nb_free_pages <= kReservedPages || cache->c_gc_low_threshold >= FreePercent(cache);
+}
+
+bool GCHighThreshold(const Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  return cache->c_nb_free_pages > kReservedPages && FreePercent(cache) > cache->c_gc_high_threshold;
+}
+
+ULong GCGetMinTime(Cache* cache) {
+  ULong time = GetCurrentTimeMilliseconds();
+  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
+  UInt n = cache->c_nb_objects;
+  const ULong target = Share(n, cache->c_gc_high_threshold);
+  for (const UInt bucket : cache->c_age_histogram) {
+    if (n < bucket) break;
+    n -= bucket;
+    if (target > n) break;
+    time -= std::min<ULong>(time, cache->c_generation_time);  // a clock that has just begun has no time before 0
+  }
+  return time;
+}
+
+void ShiftHistogram(Cache* cache) {
+  const ULong now = GetCurrentTimeMilliseconds();
+  const ULong base = cache->c_histo_updated;
+  const ULong generation = cache->c_generation_time;
+  if (now <= base || now - base <= generation) return;
+  const size_t shift = std::min<ULong>((now - base - 1) / generation, QX_CACHE_BUCKETS);
+  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
+  UInt* const buckets = cache->c_age_histogram;
+  std::memmove(buckets + shift, buckets, (QX_CACHE_BUCKETS - shift) * sizeof *buckets);
+  std::fill_n(buckets, shift, 0);
+}
+
+CopyOutcome PageCopyBlocks(Cache* cache, ULong limit, Page* page_full, Page* page_free) {
+  const ULong now = GetCurrentTimeMilliseconds();
+  const PagePair locks(page_full, page_free);
+  for (CacheBlock* block = PageFirstBlock(page_full); block != nullptr; block = block->b_next) {
+    if (block->b_created == kDead) continue;
+    if (block->b_accessed <= limit || now >= block->b_expires) {
+      Drop(cache, block, __func__);
+    } else if (sizeof(CacheBlock) + block->b_size <= PageRoom(page_free)) {
+      Move(cache, block, page_free, __func__);
+    } else {
+      // The rest waits for another page. The next pass walks all blocks again and skips those that are dead by then.
+      return {.full_is_empty = false, .free_is_full = true};
+    }
+  }
+  PageReset(page_full);
+  return {.full_is_empty = true, .free_is_full = false};
+}
+
+void PageFreeBlocks(Cache* cache, Page* page) {
+  const Lock page_lock(&page->p_mutex, LockRank::kPage);
+  for (CacheBlock* block = PageFirstBlock(page); block != nullptr; block = block->b_next) {
+    // A pass that ran out of free pages left this page half-copied.
+    if (block->b_created != kDead) Drop(cache, block, __func__);
+  }
+  PageReset(page);
+}
+
+bool GCBeginTurn(Cache* cache, Collector* collector) {
+  const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+  const bool was_idle = collector->idle;
+  bool rested = false;
+  if (collector->idle) {
+    collector->idle = !GCLowThreshold(cache);
+    rested = collector->idle;
+  } else {
+    rested = collector->fruitless;
+  }
+  if (rested) Rest(cache);
+  if (!collector->idle) collector->idle = GCHighThreshold(cache);
+  // Thresholds the wrong way round: so little is free that it ought to start, and so much that it ought to stop.
+  if (was_idle && collector->idle && !rested) Rest(cache);
+  return !cache->c_closing;
+}
+
+void GCCollect(Cache* cache, Collector* collector) {
+  Round round{.length = FullPages(cache)};
+  for (;;) {
+    const ULong limit = GCGetMinTime(cache);
+    if (collector->free == nullptr) collector->free = GetFreePage(cache, FALSE, TRUE, TRUE);
+    if (collector->free == nullptr) {
+      round = {.length = 0, .emptied = Emergency(cache)};
+      break;
+    }
+    if (collector->full == nullptr) collector->full = GetFullPage(cache, FALSE, TRUE);
+    if (collector->full == nullptr) break;
+
+    const CopyOutcome outcome = PageCopyBlocks(cache, limit, collector->full, collector->free);
+    if (outcome.full_is_empty) {
+      AddFreePage(cache, collector->full, TRUE, TRUE);
+      collector->full = nullptr;
+      round.emptied++;
+    }
+    if (outcome.free_is_full) {
+      AddFullPage(cache, collector->free, TRUE, TRUE);
+      collector->free = nullptr;
+      round.filled++;
+    }
+    ShiftHistogram(cache);
+
+    const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+    if (GCHighThreshold(cache) || cache->c_closing) break;
+    if (round.emptied >= round.length) {
+      if (!round.Fruitful()) break;
+      round = {.length = cache->c_nb_full_pages};
+    }
+  }
+  collector->fruitless = !round.Fruitful();
+  if (collector->full != nullptr) AddFullPage(cache, collector->full, FALSE, TRUE);
+  if (collector->free != nullptr) AddFreePage(cache, collector->free, FALSE, TRUE);
+  collector->full = nullptr;
+  collector->free = nullptr;
+}
+
+void* CacheGCMain(void* argument) {
+  Cache* const cache = static_cast<Cache*>(argument);
+  {
+    const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+    cache->c_gc_started = TRUE;
+    ConditionSignal(&cache->c_start_cond);
+  }
+  Collector collector;
+  while (GCBeginTurn(cache, &collector)) {
+    ShiftHistogram(cache);
+    if (!collector.idle) GCCollect(cache, &collector);
+  }
+  return nullptr;
+}
+
+}  // namespace qxcache

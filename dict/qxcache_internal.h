@@ -1,0 +1,189 @@
+// What the three files of the cache share: its locks, its constants, and the operations that cross from one to another.
+//
+//   qxcache.cc        life of a cache, the two page lists, the locks' failures
+//   qxcache_store.cc  blocks: store, fetch, the age of a block
+//   qxcache_gc.cc     the collector
+//
+// Lock order, the only place where it stands:
+//
+//   p_mutex of a full page  ->  p_mutex of the page it is copied into  ->  c_dict_lock or c_histo_mutex, never both
+//   c_alloc_mutex           alone: no other is held when it is taken, none is taken while it is held
+//
+// Stores and fetches hold one page's mutex, as the first; only the collector holds two. A build with QX_DEBUG_CHECKS
+// (every Debug build) ends the process at the first lock that breaks this order.
+//
+// Why a fetch may follow an address that it has read from the index. An entry of c_dict names a block only from the
+// moment the block is whole, and whoever is about to give the block's memory away, holding its page's mutex, first
+// changes or removes the entry under c_dict_lock: the collector's copy names the copy instead, its drop removes the
+// entry. Entries of dead blocks never come back, because only the address of a new block is ever inserted. So while the
+// index names a block, the block lies there; and while moreover its page's mutex is held, it stays.
+//
+//   fetch:  [c_dict_lock: address]  page by arithmetic  [p_mutex: [c_dict_lock: still that address?]  read the block]
+//
+// Between the two looks at the index not one byte at the address is read: the collector may have emptied the page, and
+// other values' bytes, chosen by anybody, may lie there.
+
+#ifndef DICT_QXCACHE_INTERNAL_H
+#define DICT_QXCACHE_INTERNAL_H
+
+#include "dict/qxcache.h"
+#include "qxlib/misc.h"
+
+#include <climits>
+#include <cstddef>
+#include <span>
+
+namespace qxcache {
+
+constexpr const char* kModule = "dict/qxcache";  // every file of the family reports under its module
+
+constexpr size_t kBlockAlignment = 8;
+constexpr ULong kDead = ULONG_MAX;       // b_created of a block that was moved or dropped
+constexpr ULong kNoBlock = 0;            // what the index answers for an absent key
+constexpr UInt kReservedPages = 5;       // stores need more free pages than this, and the collector keeps more free
+constexpr UInt kArrayMost = 2147483647;  // bytes that a growable array holds
+constexpr int kIdleMilliseconds = 1000;  // the collector's longest sleep
+constexpr int kStoreAttempts = 10;       // pages that a store tries before it gives up
+
+// What a block costs beside its key and value in a page that holds nothing else.
+constexpr size_t kEmptyPageOverhead = sizeof(Page) + sizeof(CacheBlock);
+
+static_assert(sizeof(Page) == 88 && sizeof(CacheBlock) == 56, "the headers are a promise to tools");
+static_assert(offsetof(Page, p_alloc_ptr) == 40 && offsetof(Page, p_copy_ptr) == 48 && offsetof(Page, p_end) == 56 &&
+              offsetof(Page, p_last) == 64 && offsetof(Page, p_next) == 72 && offsetof(Page, p_prev) == 80);
+static_assert(offsetof(CacheBlock, b_key) == 0 && offsetof(CacheBlock, b_size) == 8 &&
+              offsetof(CacheBlock, b_created) == 16 && offsetof(CacheBlock, b_expires) == 24 &&
+              offsetof(CacheBlock, b_accessed) == 32 && offsetof(CacheBlock, b_page) == 40 &&
+              offsetof(CacheBlock, b_next) == 48);
+static_assert(sizeof(Page) % kBlockAlignment == 0 && sizeof(CacheBlock) % kBlockAlignment == 0);
+
+// The locks: qxcache.cc.
+
+enum class LockRank { kPage, kTargetPage, kIndex, kHistogram, kAlloc };
+
+void MutexLock(Mutex* mutex, LockRank rank);
+bool MutexTryLock(Mutex* mutex, LockRank rank);  // false, at once, when somebody holds it
+void MutexUnlock(Mutex* mutex);
+
+// Holds a mutex for the length of a scope.
+class Lock {
+ public:
+  Lock(Mutex* mutex, LockRank rank) : mutex_(mutex) { MutexLock(mutex, rank); }
+  ~Lock() { MutexUnlock(mutex_); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+ private:
+  Mutex* mutex_;
+};
+
+// Debug builds: the calling thread holds the mutex, or the process ends. Elsewhere nothing.
+#ifdef QX_DEBUG_CHECKS
+void CheckHeld(const Mutex* mutex);
+#else
+inline void CheckHeld(const Mutex*) {}
+#endif
+
+// The page lists: qxcache.cc.
+//
+// `head` chooses the end of the list; `lock` says whether the operation takes c_alloc_mutex (true) or the caller holds
+// it (false).
+
+// Takes a page, or null. Without `force` none is taken where GCSafetyThreshold holds. Wakes the collector.
+Page* GetFreePage(Cache* cache, Boolean head, Boolean lock, Boolean force);
+Page* GetFullPage(Cache* cache, Boolean head, Boolean lock);
+void AddFreePage(Cache* cache, Page* page, Boolean head, Boolean lock);
+void AddFullPage(Cache* cache, Page* page, Boolean head, Boolean lock);
+
+// Empties a page all of whose blocks are dead. p_last stays as it was, deliberately: the next block is linked behind
+// that dead one, where nobody looks, since every walk starts at p_copy_ptr. Caller holds p_mutex.
+void PageReset(Page* page);
+
+// Blocks: qxcache_store.cc.
+
+// A key's text with its zero byte.
+using KeyText = std::span<const UByte>;
+
+// Bytes left in the page. Caller holds p_mutex.
+inline size_t PageRoom(const Page* page) { return static_cast<size_t>(page->p_end - page->p_alloc_ptr); }
+
+// Where the page's next block goes, or its first one lies.
+inline CacheBlock* BlockAt(UByte* at) { return static_cast<CacheBlock*>(static_cast<void*>(at)); }
+
+// The page's first block; null when it is empty. Caller holds p_mutex.
+inline CacheBlock* PageFirstBlock(Page* page) {
+  return page->p_alloc_ptr == page->p_copy_ptr ? nullptr : BlockAt(page->p_copy_ptr);
+}
+
+// Appends a value to the page and names it in the index. False when it has no room; *tooLarge then tells whether even
+// an empty page has none. Takes p_mutex.
+Boolean PageWriteBlock(Cache* cache, Page* page, FPrint key, KeyText keystr, const UByte* value, UInt size,
+                       ULong expires, Boolean* tooLarge);
+
+// Links `block`, which lies at p_alloc_ptr and takes `size` bytes with its header, as the page's last. Caller holds
+// p_mutex and has seen that there is room.
+void PageAddBlockUnlocked(Page* page, CacheBlock* block, size_t size);
+
+// Both fetches: into `dynbuffer` when it is not null, else into the `bufSize` bytes at `statbuffer`.
+Boolean PageReadBlock(Cache* cache, FPrint key, KeyText keystr, UByteArray* dynbuffer, void* statbuffer, UInt bufSize,
+                      UInt* dataSize);
+
+// Makes the index name `block` under `key`. Takes c_dict_lock.
+void IndexInsert(Cache* cache, FPrint key, const CacheBlock* block);
+
+// Removes whatever the index has under `key`. Takes c_dict_lock.
+void IndexRemove(Cache* cache, FPrint key);
+
+// The bucket for a time of access, -1 when it lies before the histogram. Needs no lock: neither the reference time nor
+// the generation ever changes.
+int GetHistogramIndex(const Cache* cache, ULong time);
+
+// Moves an object from the bucket of one time of access to that of another. Takes c_histo_mutex when they differ.
+void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time);
+
+// The collector: qxcache_gc.cc.
+
+// Whether free pages are too few for stores, few enough to start collecting, and enough to stop. Caller holds
+// c_alloc_mutex.
+bool GCSafetyThreshold(const Cache* cache);
+bool GCLowThreshold(const Cache* cache);
+bool GCHighThreshold(const Cache* cache);
+
+// How a copy pass ended: exactly one of them holds.
+struct CopyOutcome {
+  bool full_is_empty;
+  bool free_is_full;
+};
+
+// Copies what is worth keeping, accessed after `limit` and not expired, from one page to another and drops the rest.
+CopyOutcome PageCopyBlocks(Cache* cache, ULong limit, Page* page_full, Page* page_free);
+
+// Drops every block of the page.
+void PageFreeBlocks(Cache* cache, Page* page);
+
+// The time of access up to which blocks are dropped. Takes c_histo_mutex.
+ULong GCGetMinTime(Cache* cache);
+
+// Ages the histogram by the generations that have passed since the cache was created. Takes c_histo_mutex.
+void ShiftHistogram(Cache* cache);
+
+// What the collector remembers from turn to turn.
+struct Collector {
+  bool idle = true;
+  bool fruitless = false;  // the last round gave no page back
+  Page* free = nullptr;    // the page being filled
+  Page* full = nullptr;    // the page being emptied
+};
+
+// Decides whether this turn collects, and sleeps when there is nothing to do. False: the cache is closing.
+bool GCBeginTurn(Cache* cache, Collector* collector);
+
+// Collects until enough is free, or nothing more can be gained.
+void GCCollect(Cache* cache, Collector* collector);
+
+// The collector's thread; the argument is its cache.
+void* CacheGCMain(void* cache);
+
+}  // namespace qxcache
+
+#endif

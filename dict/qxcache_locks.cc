@@ -1,0 +1,95 @@
+// The locks of a cache: how they fail, and, in debug builds, in which order they are taken.
+
+#include "dict/qxcache_internal.h"
+#include "dict/report.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace qxcache {
+namespace {
+
+#ifdef QX_DEBUG_CHECKS
+
+// The mutexes that the calling thread holds, in the order in which it took them: never more than two pages and a leaf.
+struct Held {
+  const Mutex* mutex;
+  LockRank rank;
+};
+constexpr size_t kMostHeld = 3;
+thread_local Held held[kMostHeld];
+thread_local size_t held_count = 0;
+
+// A page comes first or behind a page; the index or the histogram behind pages; the lists' mutex alone.
+bool InOrder(LockRank rank) {
+  if (held_count == 0) return rank != LockRank::kTargetPage;
+  const LockRank last = held[held_count - 1].rank;
+  if (rank == LockRank::kTargetPage) return last == LockRank::kPage;
+  if (rank == LockRank::kIndex || rank == LockRank::kHistogram) {
+    return last == LockRank::kPage || last == LockRank::kTargetPage;
+  }
+  return false;
+}
+
+void CheckOrder(LockRank rank) {
+  QX_ASSERT_TEXT(held_count < kMostHeld && InOrder(rank), "the lock order of the cache is kept");
+}
+
+void Note(const Mutex* mutex, LockRank rank) { held[held_count++] = {mutex, rank}; }
+
+void Forget(const Mutex* mutex) {
+  QX_ASSERT_TEXT(held_count > 0 && held[held_count - 1].mutex == mutex, "the mutex taken last is released first");
+  held_count--;
+}
+
+#else
+
+void CheckOrder(LockRank) {}
+void Note(const Mutex*, LockRank) {}
+void Forget(const Mutex*) {}
+
+#endif
+
+void LockFailed(int error) {
+  errno = error;  // perror tells the code of the failure, which the calls return instead of setting errno
+  std::perror("pthread_mutex_lock failed");
+  QX_ASSERT_IN(kModule, "MutexLock", false, "0");
+}
+
+}  // namespace
+
+#ifdef QX_DEBUG_CHECKS
+void CheckHeld(const Mutex* mutex) {
+  for (size_t i = 0; i < held_count; i++) {
+    if (held[i].mutex == mutex) return;
+  }
+  QX_ASSERT_TEXT(false, "the caller holds the mutex");
+}
+#endif
+
+void MutexLock(Mutex* mutex, LockRank rank) {
+  CheckOrder(rank);
+  if (const int error = pthread_mutex_lock(mutex); error != 0) LockFailed(error);
+  Note(mutex, rank);
+}
+
+bool MutexTryLock(Mutex* mutex, LockRank rank) {
+  CheckOrder(rank);
+  const int error = pthread_mutex_trylock(mutex);
+  if (error == EBUSY) return false;
+  if (error != 0) LockFailed(error);
+  Note(mutex, rank);
+  return true;
+}
+
+void MutexUnlock(Mutex* mutex) {
+  if (const int error = pthread_mutex_unlock(mutex); error != 0) {
+    errno = error;
+    std::perror("pthread_mutex_unlock failed");
+    std::exit(EXIT_FAILURE);
+  }
+  Forget(mutex);
+}
+
+}  // namespace qxcache
