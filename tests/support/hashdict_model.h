@@ -128,11 +128,11 @@ struct ModelImage {
   int attempts = 0;
 };
 
-// The image for a set of keys; their values where there are any.
+// The image for a set of keys, with values of nbits bits; 0: each key's own number.
 inline ModelImage ModelBuild(const KeySet& set, UByte nbits, UByte probe) {
   const auto n = static_cast<Id>(set.keys.size());
   const Id m = n + n / 4 + 5;
-  const ULong largest = set.values.empty() ? n : (ULong{1} << nbits) - 1;
+  const ULong largest = nbits == 0 ? n : (ULong{1} << nbits) - 1;
 
   std::vector<int> rank(256, -1);
   size_t maxlen = 0;
@@ -160,7 +160,7 @@ inline ModelImage ModelBuild(const KeySet& set, UByte nbits, UByte probe) {
   std::vector<bool> assigned(m + 1);
   for (; !order.empty(); order.pop_back()) {
     const Id idx = order.back() - 1;
-    Id value = set.values.empty() ? idx : set.values[idx];
+    Id value = nbits == 0 ? idx : set.values[idx];
     Id chosen = 0;
     for (const Id v : edges[idx]) {
       if (assigned[v]) {
