@@ -1,0 +1,67 @@
+// What the two shared libraries export: exactly the pinned lists.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "support/files.h"
+
+namespace {
+
+using Names = std::set<std::string>;
+
+std::string Output(const std::string& command) {
+  std::FILE* pipe = popen(command.c_str(), "r");
+  std::string output;
+  std::array<char, 4096> buffer;
+  for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) output.append(buffer.data(), got);
+  EXPECT_EQ(pclose(pipe), 0) << command;
+  return output;
+}
+
+// The names that a library defines for others, without what a sanitizer or the coverage runtime adds.
+Names Exported(const std::string& library) {
+  Names names;
+  std::istringstream lines(Output("nm -D --defined-only " + library));
+  for (std::string address, type, name; lines >> address >> type >> name;) {
+    if (!name.starts_with("__")) names.insert(name);
+  }
+  return names;
+}
+
+Names Pinned(const std::string& list) {
+  Names names;
+  std::ifstream lines(std::string(QX_SOURCE_DIR) + "/tests/exports/" + list);
+  for (std::string name; lines >> name;) names.insert(name);
+  return names;
+}
+
+TEST(Exports, DictionaryLibraryExportsThePinnedList) {
+  EXPECT_EQ(Pinned("libqxdict.txt").size(), 130u);
+  EXPECT_EQ(Exported(QX_LIBQXDICT), Pinned("libqxdict.txt"));
+}
+
+TEST(Exports, BaseLibraryExportsThePinnedList) {
+  EXPECT_EQ(Pinned("libqxlib.txt").size(), 45u);
+  EXPECT_EQ(Exported(QX_LIBQXLIB), Pinned("libqxlib.txt"));
+}
+
+TEST(Exports, DictionaryLibraryDefinesNoBaseOperation) {
+  const Names defined = Exported(QX_LIBQXDICT);
+  for (const std::string& name : Pinned("libqxlib.txt")) EXPECT_FALSE(defined.contains(name)) << name;
+}
+
+TEST(Exports, LibrariesCarryTheirVersionInTheirNames) {
+  const std::string dict = Output("readelf -d " QX_LIBQXDICT);
+  EXPECT_NE(dict.find("Library soname: [libqxdict.so.1]"), std::string::npos) << dict;
+  EXPECT_NE(dict.find("Shared library: [libqxlib.so.1]"), std::string::npos) << dict;
+  const std::string base = Output("readelf -d " QX_LIBQXLIB);
+  EXPECT_NE(base.find("Library soname: [libqxlib.so.1]"), std::string::npos) << base;
+}
+
+}  // namespace
