@@ -1,14 +1,19 @@
 #include "support/ledger.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 
 #include "qxlib/misc.h"
+#include "support/guarded.h"
 
 namespace {
 
@@ -29,6 +34,10 @@ int fail_array_after = -1;
 unsigned char array_fill = 0;
 bool fail_unmap = false;
 int unmap_error = 0;
+unsigned char block_fill = 0;
+size_t greatest_block = SIZE_MAX;
+bool guard_maps = false;
+std::map<void*, std::unique_ptr<support::Guarded>> guarded_maps;
 
 template <typename Function>
 Function* Real(Function*, const char* name) {
@@ -77,6 +86,9 @@ namespace faults {
 
 void FailAnonArray(int after) { fail_array_after = after; }
 void FillAnonArray(unsigned char byte) { array_fill = byte; }
+void FillBlocks(unsigned char byte) { block_fill = byte; }
+void RefuseBlocksAbove(size_t size) { greatest_block = size; }
+void GuardFileMaps(bool on) { guard_maps = on; }
 void FailFileUnmap(int error) {
   fail_unmap = true;
   unmap_error = error;
@@ -89,8 +101,13 @@ void FailFileUnmap(int error) {
 extern "C" {
 
 void* Allocate_(size_t size, void* old, const char* file, int line) {
+  if (size > greatest_block) {
+    fprintf(stderr, "asked for %zu bytes\n", size);
+    _exit(support::faults::kRefusedBlock);
+  }
   Book([old](Books& books) { books.blocks.erase(old); });
   void* block = Real(Allocate_, "Allocate_")(size, old, file, line);
+  if (block_fill != 0 && old == nullptr) std::memset(block, block_fill, size);
   Book([block, size](Books& books) {
     books.blocks.insert(block);
     if (size > books.largest) books.largest = size;
@@ -121,13 +138,21 @@ void AnonArrayFree_(void* array, const char* file, int line) {
 
 void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empty) {
   void* base = Real(FileMapRead, "FileMapRead")(dir, name, size, empty);
+  if (base != nullptr && guard_maps) {
+    std::string bytes(static_cast<const char*>(base), *size);
+    Real(FileUnmap, "FileUnmap")(base, *size);
+    bytes.resize((*size + 3) / 4 * 4, '\xEE');
+    auto copy = std::make_unique<support::Guarded>(bytes);
+    base = copy->data();
+    guarded_maps[base] = std::move(copy);
+  }
   if (base != nullptr) Book([base, size](Books& books) { books.mappings[base] = *size; });
   return base;
 }
 
 Boolean FileUnmap(void* base, size_t size) {
   Book([base](Books& books) { books.mappings.erase(base); });
-  const Boolean done = Real(FileUnmap, "FileUnmap")(base, size);
+  const Boolean done = guarded_maps.erase(base) != 0 ? TRUE : Real(FileUnmap, "FileUnmap")(base, size);
   if (!fail_unmap) return done;
   fail_unmap = false;
   errno = unmap_error;

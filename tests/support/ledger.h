@@ -35,6 +35,16 @@ void FailAnonArray(int after);
 // AnonArrayGrow_ fills new storage with this byte, as an allocator that does not clear would; 0 is the real one's.
 void FillAnonArray(unsigned char byte);
 
+// Allocate_ fills new blocks with this byte; 0 is none.
+void FillBlocks(unsigned char byte);
+
+// A block above so many bytes is not taken: the process prints "asked for N bytes" and exits with kRefusedBlock.
+void RefuseBlocksAbove(size_t size);
+constexpr int kRefusedBlock = 3;
+
+// FileMapRead hands out copies that end at a protected page, or up to 3 bytes before it: they begin at multiples of 4.
+void GuardFileMaps(bool on);
+
 // FileUnmap unmaps, but answers FALSE with this errno, once.
 void FailFileUnmap(int error);
 
