@@ -403,8 +403,6 @@ struct Traits {
   using Key = AVLDictKey;
   using Value = AVLDictValue;
   static constexpr const char* kModule = "some/module";
-  static constexpr const char* kCheckRecName = "SomeCheckRec";
-  static constexpr unsigned kMaxHeight = avl::kMaxHeight;
 };
 
 TEST(AvlSkew, IsWrittenAndReadThroughTheFlags) {

@@ -13,8 +13,8 @@
 #include <deque>
 #include <numeric>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -235,7 +235,10 @@ unsigned Height(const Owned<Api>& dict, uint32_t x) {
 
 // The nodes of the thinnest AVL tree of a height.
 constexpr uint32_t Thinnest(unsigned height) {
-  return height < 2 ? height : 1 + Thinnest(height - 1) + Thinnest(height - 2);
+  uint32_t lower = 0;
+  uint32_t nodes = 0;
+  while (height-- != 0) lower = std::exchange(nodes, nodes == 0 ? 1 : nodes + lower + 1);
+  return nodes;
 }
 static_assert(Thinnest(31) == 3524577 && Thinnest(33) == 9227464);
 
