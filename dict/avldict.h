@@ -96,9 +96,9 @@ QX_API AVLDictValue QXAVLDictFind(AVLDict* dict, AVLDictKey v, AVLDictValue n);
  * @return `v` itself when it is stored, else the neighbour; 0 when that neighbour is missing, and `*valPtr` then points
  *         into the header, at a value that nobody stored and nobody should use
  *
- * In mode 0 a missing lower neighbour counts as lying at 0 and a missing upper one at 2^32, and the answer is 0 when the
- * choice falls on such an end: with the single key 10, 3 gives 0 and 5 gives 10. A stored key 0 is a neighbour like any
- * other, so a result of 0 does not tell whether key 0 is stored: ask `QXAVLDictValueGet`. Cost: as `QXAVLDictFind`.
+ * In mode 0 a missing lower neighbour counts as lying at 0 and a missing upper one at 2^32, and the answer is 0 when
+ * the choice falls on such an end: with the single key 10, 3 gives 0 and 5 gives 10. A stored key 0 is a neighbour like
+ * any other, so a result of 0 does not tell whether key 0 is stored: ask `QXAVLDictValueGet`. Cost: as `QXAVLDictFind`.
  */
 QX_API AVLDictKey QXAVLDictFindNearest(AVLDict* dict, AVLDictKey v, int roundingMode, AVLDictValue** valPtr);
 

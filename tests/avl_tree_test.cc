@@ -2,7 +2,10 @@
 
 #include "dict/avl_tree.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/death.h"
@@ -159,6 +162,25 @@ TYPED_TEST(AvlTree, RemovalTakesTheSuccessorWhenThereIsNoLeftSide) {
   EXPECT_EQ(dict.right(1), 2u);
   EXPECT_EQ(dict.node(2).n_value, 200u);
   EXPECT_EQ(dict.get()->d_list, 3u);
+}
+
+// No AVL tree has more than a leaf beside a missing left side, so only a forged one shows the whole way to a successor:
+// each word against the reference.
+TYPED_TEST(AvlTree, RemovalFindsADeepSuccessorInAForgedTree) {
+  using Node = typename TypeParam::Node;
+  Owned<TypeParam> dict;
+  typename TypeParam::Reference reference(0);
+  const std::vector<Node> forged = {{kTopBit | 3, 0, 10, 100}, {5, kTopBit | 4, 40, 400}, {0, kTopBit | 6, 30, 300},
+                                    {0, 0, 50, 500},           {7, 0, 20, 200},           {0, 0, 25, 250}};
+  std::copy(forged.begin(), forged.end(), &dict.node(2));
+  dict.node(1).n_right = 2;
+  dict.get()->d_free = reference.free = 8;
+  dict.get()->d_size = reference.size = 6;
+  std::memcpy(reference.nodes.data(), dict.get()->d_nodes, 8 * sizeof(Node));
+  EXPECT_EQ(TypeParam::Remove(dict.get(), 10, 7), 100u);
+  EXPECT_EQ(reference.Remove(10, 7), 100u);
+  EXPECT_EQ(std::memcmp(reference.nodes.data(), dict.get()->d_nodes, 8 * sizeof(Node)), 0);
+  EXPECT_EQ(Shape(dict), "(. 20= ((25 30= .) 40= 50))");
 }
 
 // The words of the array themselves, flags included.
