@@ -32,12 +32,12 @@ Books& Open() {
 
 int fail_array_after = -1;
 unsigned char array_fill = 0;
-bool fail_unmap = false;
+int fail_unmap_after = -1;
 int unmap_error = 0;
 unsigned char block_fill = 0;
 size_t greatest_block = SIZE_MAX;
-bool guard_maps = false;
-std::map<void*, std::unique_ptr<support::Guarded>> guarded_maps;
+const std::map<std::string, std::string>* served_files = nullptr;
+std::map<void*, std::unique_ptr<support::Guarded>> served_maps;
 
 template <typename Function>
 Function* Real(Function*, const char* name) {
@@ -49,6 +49,21 @@ void Book(Change change) {
   Books& books = Open();
   const std::lock_guard<std::mutex> lock(books.mutex);
   if (books.open) change(books);
+}
+
+void* ServeFile(const char* name, size_t* size, Boolean* empty) {
+  const auto file = served_files->find(name);
+  *empty = file != served_files->end() && file->second.empty() ? TRUE : FALSE;
+  *size = 0;
+  if (file == served_files->end()) errno = ENOENT;
+  if (file == served_files->end() || file->second.empty()) return nullptr;
+  *size = file->second.size();
+  std::string bytes = file->second;
+  bytes.resize((bytes.size() + 3) / 4 * 4, '\xEE');
+  auto copy = std::make_unique<support::Guarded>(bytes);
+  void* base = copy->data();
+  served_maps[base] = std::move(copy);
+  return base;
 }
 
 }  // namespace
@@ -88,9 +103,9 @@ void FailAnonArray(int after) { fail_array_after = after; }
 void FillAnonArray(unsigned char byte) { array_fill = byte; }
 void FillBlocks(unsigned char byte) { block_fill = byte; }
 void RefuseBlocksAbove(size_t size) { greatest_block = size; }
-void GuardFileMaps(bool on) { guard_maps = on; }
-void FailFileUnmap(int error) {
-  fail_unmap = true;
+void ServeFileMaps(const std::map<std::string, std::string>* files) { served_files = files; }
+void FailFileUnmap(int error, int after) {
+  fail_unmap_after = after;
   unmap_error = error;
 }
 
@@ -137,24 +152,16 @@ void AnonArrayFree_(void* array, const char* file, int line) {
 }
 
 void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empty) {
-  void* base = Real(FileMapRead, "FileMapRead")(dir, name, size, empty);
-  if (base != nullptr && guard_maps) {
-    std::string bytes(static_cast<const char*>(base), *size);
-    Real(FileUnmap, "FileUnmap")(base, *size);
-    bytes.resize((*size + 3) / 4 * 4, '\xEE');
-    auto copy = std::make_unique<support::Guarded>(bytes);
-    base = copy->data();
-    guarded_maps[base] = std::move(copy);
-  }
+  void* base =
+      served_files != nullptr ? ServeFile(name, size, empty) : Real(FileMapRead, "FileMapRead")(dir, name, size, empty);
   if (base != nullptr) Book([base, size](Books& books) { books.mappings[base] = *size; });
   return base;
 }
 
 Boolean FileUnmap(void* base, size_t size) {
   Book([base](Books& books) { books.mappings.erase(base); });
-  const Boolean done = guarded_maps.erase(base) != 0 ? TRUE : Real(FileUnmap, "FileUnmap")(base, size);
-  if (!fail_unmap) return done;
-  fail_unmap = false;
+  const Boolean done = served_maps.erase(base) != 0 ? TRUE : Real(FileUnmap, "FileUnmap")(base, size);
+  if (fail_unmap_after < 0 || fail_unmap_after-- > 0) return done;
   errno = unmap_error;
   return FALSE;
 }

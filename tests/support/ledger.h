@@ -7,6 +7,8 @@
 #define TESTS_SUPPORT_LEDGER_H
 
 #include <cstddef>
+#include <map>
+#include <string>
 
 namespace support {
 
@@ -42,11 +44,12 @@ void FillBlocks(unsigned char byte);
 void RefuseBlocksAbove(size_t size);
 constexpr int kRefusedBlock = 3;
 
-// FileMapRead hands out copies that end at a protected page, or up to 3 bytes before it: they begin at multiples of 4.
-void GuardFileMaps(bool on);
+// FileMapRead finds these files, by name, and no others; null: the file system's. The mappings end at a protected page,
+// or up to 3 bytes before it: they begin at multiples of 4.
+void ServeFileMaps(const std::map<std::string, std::string>* files);
 
-// FileUnmap unmaps, but answers FALSE with this errno, once.
-void FailFileUnmap(int error);
+// FileUnmap unmaps, but answers FALSE with this errno, once, after so many more calls.
+void FailFileUnmap(int error, int after = 0);
 
 }  // namespace faults
 
