@@ -74,9 +74,9 @@ Graph* GraphNew(Id nedges, Id size) {
 
 void GraphDelete(Graph* graph) {
   AnonArrayFree_(graph->g_node, kModule, __LINE__);
-  AnonArrayFree_(graph->g_vertex, kModule, __LINE__);
+  if (graph->g_vertex != nullptr) AnonArrayFree_(graph->g_vertex, kModule, __LINE__);
   AnonArrayFree_(graph->g_status, kModule, __LINE__);
-  AnonArrayFree_(graph->g_edge, kModule, __LINE__);
+  if (graph->g_edge != nullptr) AnonArrayFree_(graph->g_edge, kModule, __LINE__);
   UnAllocate_(graph->g_state, kModule, __LINE__);
   UnAllocate_(graph, kModule, __LINE__);
 }

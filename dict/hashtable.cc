@@ -11,6 +11,7 @@
 
 #include "dict/hashtable.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "dict/hashtable_internal.h"
@@ -97,7 +98,7 @@ struct HashTableTraits {
   }
 };
 
-int initialized = 0;
+std::atomic<int> initialized = 0;
 
 // The slot where the search for a key with this hash starts; 0 when there are no slots.
 UInt StartSlot(const HashTable& table, UInt hash) {
@@ -126,7 +127,8 @@ bool Occupy(HashTable* table, UInt s, UInt offset) {
 }  // namespace
 
 void QXDictInit(void) {
-  if (initialized == 0) initialized = 1;
+  int before = 0;
+  initialized.compare_exchange_strong(before, 1);
 }
 
 UInt HashBytes(const UByte* bytes, UInt len) { return heap::HashKey(bytes, len); }

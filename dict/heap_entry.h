@@ -22,6 +22,7 @@
 
 #include "dict/hash_bytes.h"
 #include "dict/hashtable.h"  // the callback types
+#include "dict/remainder.h"
 #include "dict/report.h"
 #include "qxlib/array.h"
 #include "qxlib/sort.h"
@@ -114,10 +115,11 @@ size_t Next(const Table& table, size_t at) {
   return next > at && next <= kHeapLimit ? next : 0;
 }
 
-// Whether a walk that has come to `at` is over. Unlike Next it takes a key length field of forbidden width for granted.
+// Whether a walk that has come to `at` is over. Unlike Next it takes a key length field of forbidden width for granted,
+// as long as there is a byte of it: the next step then decodes it, and asserts.
 template <typename Table>
 bool AtEnd(const Table& table, size_t at) {
-  if (table.t_key_size > 4) return at >= table.t_data_used || !HoldsValue(table, at);
+  if (table.t_key_size > 4) return at >= table.t_data_used || table.t_data_size <= at + size_t{table.t_val_len};
   return Next(table, at) == 0;
 }
 
@@ -318,15 +320,8 @@ UByte* Named(const Table& table, UInt offset) {
   return HoldsValue(table, offset) ? table.t_data + offset : nullptr;
 }
 
-// A division by a slot count that stays, as two multiplications: the same remainder as `hash % divisor`. [Lemire,
-// Kaser, Kurz: Faster remainder by direct computation, 2019]
-__extension__ typedef unsigned __int128 Wide;
-
-constexpr ULong Reciprocal(UInt divisor) { return divisor == 0 ? 0 : ~ULong{0} / divisor + 1; }
-
-constexpr UInt Remainder(UInt hash, UInt divisor, ULong reciprocal) {
-  return static_cast<UInt>((static_cast<Wide>(reciprocal * hash) * divisor) >> 64);
-}
+using qx::Reciprocal;
+using qx::Remainder;
 
 }  // namespace heap
 
