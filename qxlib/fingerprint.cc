@@ -10,7 +10,7 @@
 //   1 to 3      first, middle and last byte; 0
 //   4 to 7      first and last 4 bytes
 //   8 to 16     first and last 8 bytes
-//   17 and up   the last 16 bytes, the others in steps of 16, above 48 in three states side by side
+//   17 and up   the last 16 bytes; the others in steps of 16, up to three of them side by side
 //
 // Words overlap where the length is no multiple of theirs, and the length enters at both ends.
 
@@ -82,7 +82,11 @@ FPrint Fingerprint(const UByte* bytes, UInt length) {
       } while (left > kWideStep);
       state ^= state1 ^ state2;
     }
-    for (; left > kStep; left -= kStep, bytes += kStep) state = Absorb(state, bytes, kSecret2);
+    if (left > 2 * kStep) {
+      state = Absorb(state, bytes, kSecret1) ^ Absorb(state, bytes + kStep, kSecret2);
+    } else if (left > kStep) {
+      state = Absorb(state, bytes, kSecret3);
+    }
     a = Load64(end - 16);
     b = Load64(end - 8);
   } else if (length >= 8) {

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 #include "qxlib/fatal_internal.h"
@@ -31,27 +32,24 @@ constexpr int kFailure = 4;
 constexpr int kDeepest = 8;
 constexpr const char* kCutMark = "...";
 
-// A string that never fails: what cannot be held is cut and marked.
+// A string that never fails: what cannot be held is cut and marked. Trivially destructible, so that a thread's state
+// can be used while its other objects are destroyed; whoever holds one clears it.
 class Text {
  public:
-  constexpr Text() = default;
-  Text(Text&& other) noexcept { *this = std::move(other); }
-  Text& operator=(Text&& other) noexcept {
-    if (this == &other) return *this;
-    free(heap_);
-    heap_ = std::exchange(other.heap_, nullptr);
-    memcpy(small_, other.small_, sizeof(small_));
-    other.small_[0] = '\0';
-    return *this;
-  }
-  ~Text() { Clear(); }
-
   const char* c_str() const { return heap_ != nullptr ? heap_ : small_; }
 
   void Clear() {
     free(heap_);
-    heap_ = nullptr;  // a thread's other destructors may still report
+    heap_ = nullptr;
     small_[0] = '\0';
+  }
+
+  // Takes the other text over, and leaves it empty.
+  void Take(Text* other) {
+    free(heap_);
+    heap_ = std::exchange(other->heap_, nullptr);
+    memcpy(small_, other->small_, sizeof(small_));
+    other->small_[0] = '\0';
   }
 
   // Replaces the text. An argument may not point into this very text.
@@ -129,8 +127,20 @@ struct ThreadState {
   int depth = 0;
   bool ending = false;
 };
+static_assert(std::is_trivially_destructible_v<ThreadState>);
 
 thread_local constinit ThreadState state;
+
+// Frees the texts of a thread that ends. What is recorded still later, by objects destroyed after this one, is kept.
+struct ThreadEnd {
+  ~ThreadEnd() {
+    state.current.text.Clear();
+    for (SavedError& saved : state.saved) saved.error.text.Clear();
+  }
+  void Arm() const {}
+};
+
+thread_local constinit ThreadEnd thread_end;
 
 // The handler and its argument change together: both are read and written under the lock, and called outside it.
 struct Handler {
@@ -167,6 +177,7 @@ QX_PRINTF(2, 0) void Report(const QXMessageContext& context, const char* format,
     text.Append(strerror_r(error, buffer, sizeof(buffer)));
   }
   Deliver(context, &text);
+  text.Clear();
   errno = error;
 }
 
@@ -208,7 +219,8 @@ void QXErrorRethrow_(const char* format, ...) {
   va_start(args, format);
   text.Format(format, args);
   va_end(args);
-  state.current.text = std::move(text);
+  thread_end.Arm();
+  state.current.text.Take(&text);
   state.current.code = error;
   errno = error;
 }
@@ -230,7 +242,8 @@ void QXErrorRestore(void) {
   state.depth--;
   if (state.depth >= kDeepest) return;
   SavedError& saved = state.saved[state.depth];
-  state.current = std::move(saved.error);
+  state.current.text.Take(&saved.error.text);
+  state.current.code = saved.error.code;
   errno = saved.system_error;
 }
 
