@@ -68,7 +68,7 @@ TEST(Remainder, IsTheRemainder) {
       ASSERT_EQ(heap::Remainder(n, divisor, reciprocal), n % divisor) << n << " mod " << divisor;
     }
   }
-  EXPECT_EQ(heap::Remainder(12345, 0, heap::Reciprocal(0)), 0u);
+  EXPECT_EQ(heap::Remainder(12345u, 0u, heap::Reciprocal(0)), 0u);
 }
 
 TEST(BytesEqual, LooksAtEveryByte) {
