@@ -2,7 +2,8 @@
  * @file
  * Growable arrays, and storage for packed arrays.
  *
- * To append an element: when `length` equals `capacity` call `ArrayGrow_`; store at index `length`; add one to `length`.
+ * To append an element: when `length` equals `capacity` call `ArrayGrow_`; store at index `length`; add one to
+ * `length`.
  */
 #ifndef QXLIB_ARRAY_H
 #define QXLIB_ARRAY_H
@@ -19,8 +20,8 @@ QX_API void ArrayInit_(Array_* array);
  *
  * @param eltSize  bytes an element
  *
- * `length` stays. Invalidates `elts`. An array that already holds 2147483647 elements cannot grow: the process ends with
- * a message.
+ * `length` stays. Invalidates `elts`. An array that already holds 2147483647 elements cannot grow: the process ends
+ * with a message.
  */
 QX_API void ArrayGrow_(Array_* array, size_t eltSize, const char* file, int line);
 
@@ -28,8 +29,8 @@ QX_API void ArrayGrow_(Array_* array, size_t eltSize, const char* file, int line
 QX_API void ArrayGrowExact_(Array_* array, UInt capacity, size_t eltSize, const char* file, int line);
 
 /**
- * The capacity to grow to before a bulk copy: at least `needed`, at most `maximum`, and geometric in `capacity` between.
- * `needed` above `maximum` is a caller's error: the process ends with a message.
+ * The capacity to grow to before a bulk copy: at least `needed`, at most `maximum`, and geometric in `capacity`
+ * between. `needed` above `maximum` is a caller's error: the process ends with a message.
  */
 QX_API UInt ArrayNextSize(UInt capacity, UInt needed, UInt maximum);
 

@@ -2,8 +2,8 @@
  * @file
  * What went wrong: messages, the calling thread's current error, assertions.
  *
- * A message is two calls: `QXSetMessageContext2_` with where it comes from, then `QXMessage_` with its text. A failure of
- * a named file is recorded as the thread's current error with `QXErrorRethrow_` in place of `QXMessage_`.
+ * A message is two calls: `QXSetMessageContext2_` with where it comes from, then `QXMessage_` with its text. A failure
+ * of a named file is recorded as the thread's current error with `QXErrorRethrow_` in place of `QXMessage_`.
  */
 #ifndef QXLIB_MESSAGE_H
 #define QXLIB_MESSAGE_H
