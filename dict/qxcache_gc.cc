@@ -176,9 +176,10 @@ ULong GCGetMinTime(Cache* cache) {
 void ShiftHistogram(Cache* cache) {
   const ULong now = GetCurrentTimeMilliseconds();
   const ULong base = cache->c_histo_updated;
-  const ULong generation = cache->c_generation_time;
-  if (now <= base || now - base <= generation) return;
-  const size_t shift = std::min<ULong>((now - base - 1) / generation, QX_CACHE_BUCKETS);
+  // A generation has passed when the next one's first millisecond has, so a whole number of them is not yet that many.
+  const ULong passed = now > base ? (now - base - 1) / cache->c_generation_time : 0;
+  if (passed == 0) return;
+  const size_t shift = std::min<size_t>(passed, QX_CACHE_BUCKETS);
   const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
   UInt* const buckets = cache->c_age_histogram;
   std::memmove(buckets + shift, buckets, (QX_CACHE_BUCKETS - shift) * sizeof *buckets);

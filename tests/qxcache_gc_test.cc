@@ -439,6 +439,39 @@ TEST_F(PageCopyBlocks, AHiddenBlockThatIsDroppedTakesTheNewerOnesEntryAlong) {
   EXPECT_EQ(support::CheckCache(cache.get()), 0u);
 }
 
+// 2: the mutex is held and somebody waits for it.
+void AwaitWaiter(Mutex* mutex) {
+  while (__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED) != 2) std::this_thread::yield();
+}
+
+TEST_F(PageCopyBlocks, WaitsForReadersOfTheFreePageWithoutHoldingUpThoseOfTheFullOne) {
+  const QuietCache cache;
+  Page* const full = cache.PageAt(0);
+  Page* const free = cache.PageAt(1);
+  Put(cache, full, "k", "value", kStart);
+  pthread_mutex_lock(&free->p_mutex);
+  std::thread collector([&cache, full, free] { qxcache::PageCopyBlocks(cache.get(), 0, full, free); });
+  AwaitWaiter(&free->p_mutex);
+  EXPECT_EQ(cache.Fetch("k"), "value");
+  EXPECT_EQ(cache.Block("k")->b_page, full);
+  pthread_mutex_unlock(&free->p_mutex);
+  collector.join();
+  EXPECT_EQ(cache.Block("k")->b_page, free);
+}
+
+TEST_F(PageCopyBlocks, WaitsForReadersOfTheFullPage) {
+  const QuietCache cache;
+  Page* const full = cache.PageAt(0);
+  CacheBlock* const block = Put(cache, full, "k", "value", kStart);
+  pthread_mutex_lock(&full->p_mutex);
+  std::thread collector([&cache, full] { qxcache::PageCopyBlocks(cache.get(), 0, full, cache.PageAt(1)); });
+  AwaitWaiter(&full->p_mutex);
+  EXPECT_FALSE(IsDead(block));
+  pthread_mutex_unlock(&full->p_mutex);
+  collector.join();
+  EXPECT_TRUE(IsDead(block));
+}
+
 TEST(PageCopyBlocksDeathTest, DroppedObjectsWereCounted) {
   const char* const text = "cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size";
   EXPECT_ASSERTION(
@@ -486,6 +519,19 @@ TEST_F(PageFreeBlocks, SkipsTheDeadOfAPageLeftHalfCopied) {
   EXPECT_EQ(cache.Fetch("left"), "(none)");
   EXPECT_EQ(cache.Objects(), 2u);
   EXPECT_EQ(support::CheckCache(cache.get()), 0u);
+}
+
+TEST_F(PageFreeBlocks, WaitsForReaders) {
+  const QuietCache cache;
+  Page* const page = cache.PageAt(0);
+  CacheBlock* const block = Put(cache, page, "k", "value", kStart);
+  pthread_mutex_lock(&page->p_mutex);
+  std::thread collector([&cache, page] { qxcache::PageFreeBlocks(cache.get(), page); });
+  AwaitWaiter(&page->p_mutex);
+  EXPECT_FALSE(IsDead(block));
+  pthread_mutex_unlock(&page->p_mutex);
+  collector.join();
+  EXPECT_TRUE(IsDead(block));
 }
 
 TEST(PageFreeBlocksDeathTest, DroppedObjectsWereCounted) {
@@ -765,6 +811,17 @@ TEST_F(GCBeginTurn, DoesNotSleepWhenTheCacheIsClosing) {
   Collector collector;
   EXPECT_EQ(RestsOfTurn(cache, &collector, false), 0);
   cache->c_closing = FALSE;
+}
+
+TEST_F(GCCollect, NoEmergencyOutlivesTheCache) {
+  const HalfExpired half(20, 30.0, 60.0);
+  FillUp(half.cache());
+  half.cache()->c_closing = TRUE;
+  Collector collector{.idle = false};
+  qxcache::GCCollect(half.cache().get(), &collector);
+  half.cache()->c_closing = FALSE;
+  EXPECT_EQ(half.cache()->c_nb_full_pages, 20u);
+  EXPECT_EQ(support::CheckCache(half.cache().get()), 0u);
 }
 
 double Seconds(std::chrono::steady_clock::time_point since) {

@@ -1,6 +1,7 @@
 // Storing and fetching.
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstring>
@@ -174,6 +175,15 @@ TEST_F(QXCacheStoreTest, APageWithAByteTooFewGoesToTheFullListAndTheNextIsTried)
   EXPECT_EQ(support::CheckCache(cache.get()), 0u);
 }
 
+TEST_F(QXCacheStoreTest, AValueThatNeedsAWholePageGoesOnToAnEmptyOne) {
+  const QuietCache cache({.region_size = 7, .page_size = 1024});
+  ASSERT_TRUE(cache.Store("a", "1"));
+  qxcache::AddFreePage(cache.get(), qxcache::GetFreePage(cache.get(), TRUE, TRUE, TRUE), FALSE, TRUE);
+  EXPECT_TRUE(cache.Store("abc", std::string(1024 - 88 - 56 - 4, 'x')));
+  EXPECT_EQ(cache.Block("abc")->b_page, cache.PageAt(1));
+  EXPECT_EQ(cache->c_nb_full_pages, 1u);
+}
+
 TEST_F(QXCacheStoreTest, GivesUpAfterTenPagesWithoutRoom) {
   const QuietCache cache({.region_size = 20, .page_size = 1024});
   for (int i = 0; i < 20; i++) ASSERT_TRUE(cache.Store(Numbered("k", i), std::string(800, 'x')));
@@ -298,6 +308,20 @@ TEST_F(QXCacheStoreTest, OfTwoKeysWithOneFingerprintTheLaterWins) {
   UInt size = 9;
   EXPECT_FALSE(QXCacheGetStatic(cache.get(), Bytes("#first"), nullptr, 0, &size));
   EXPECT_EQ(size, 0u);
+}
+
+TEST_F(QXCacheStoreTest, ALongerKeyIsNotComparedBeyondTheBlock) {
+  all_alike = true;
+  const QuietCache cache({.region_size = 8, .page_size = 4096});
+  ASSERT_TRUE(cache.Store("#a", std::string(4096 - 88 - 64 - 56 - 3, 'x')));
+  qxcache::AddFreePage(cache.get(), qxcache::GetFreePage(cache.get(), TRUE, TRUE, TRUE), FALSE, TRUE);
+  ASSERT_TRUE(cache.Store("#b", ""));  // ends with its page, behind which there is nothing to read
+  ASSERT_EQ(cache.PageAt(0)->p_alloc_ptr, cache.PageAt(0)->p_end);
+  ASSERT_EQ(mprotect(cache.PageAt(1), 4096, PROT_NONE), 0);
+  EXPECT_EQ(cache.Fetch("#b"), "");
+  EXPECT_EQ(cache.Fetch("#bb"), "(none)");
+  EXPECT_EQ(cache.Fetch("#b" + std::string(5000, 'b')), "(none)");
+  ASSERT_EQ(mprotect(cache.PageAt(1), 4096, PROT_READ | PROT_WRITE), 0);
 }
 
 TEST_F(QXCacheStoreTest, AnEmptiedPagesOldLastBlockMayLieUnderTheNextValue) {

@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -228,6 +229,16 @@ TEST(QXCacheNew, AddressesOfAllRegionsLeadToTheirPages) {
     UInt used = 0;
     for (UInt i = 0; i < cache.PageCount(); i++) used += cache.PageAt(i)->p_last != nullptr ? 1u : 0u;
     EXPECT_EQ(used, 21u);
+    // What looks the pages up: all regions, those that touch merged.
+    size_t covered = 0;
+    for (UInt i = 0; i < cache->c_spans.t.length; i++) {
+      const Region span = cache->c_spans.t.elts[i];
+      covered += span.r_size;
+      if (i == 0) continue;
+      const Region before = cache->c_spans.t.elts[i - 1];
+      EXPECT_LT(static_cast<char*>(before.r_base) + before.r_size, static_cast<char*>(span.r_base));
+    }
+    EXPECT_EQ(covered, size_t{7} * 3 * page_size);
     EXPECT_EQ(support::CheckCache(cache.get()), 0u);
   }
 }
@@ -287,6 +298,9 @@ TEST(QXCacheNew, TheCollectorRunsAndBlocksAllSignals) {
   EXPECT_TRUE(cache->c_gc_started);
   EXPECT_EQ(CountThreads(), threads + 1);
   EXPECT_EQ(CountDeafThreads(), deaf + 1);
+  sigset_t mask;  // the caller's own
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGALRM}) EXPECT_EQ(sigismember(&mask, signal), 0);
   QXCacheDelete(cache);
 }
 

@@ -1,0 +1,121 @@
+// Random operations on a cache and on its model, and after each of them a check of everything that must hold in a
+// cache.
+
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "dict/qxcache.h"
+#include "dict/qxcache_internal.h"
+#include "support/cache_model.h"
+
+namespace {
+
+using support::CacheModel;
+using support::CacheParameters;
+using support::kNever;
+using support::Numbered;
+
+struct Step {
+  int kind, key, size, time;
+};
+
+std::ostream& operator<<(std::ostream& out, const Step& s) {
+  return out << "{" << s.kind << ", " << s.key << ", " << s.size << ", " << s.time << "}";
+}
+
+constexpr int kStore = 0;  // up to 5
+constexpr int kFetch = 6;  // up to 9
+constexpr int kWait = 10;
+constexpr int kCollect = 11;
+constexpr int kAge = 12;
+constexpr int kFill = 13;
+
+rc::Gen<std::vector<Step>> Steps() {
+  return rc::gen::container<std::vector<Step>>(rc::gen::construct<Step>(
+      rc::gen::inRange(0, 14), rc::gen::inRange(0, 12), rc::gen::inRange(0, 900), rc::gen::inRange(0, 400)));
+}
+
+// Pages held by nobody: those that emergencies have lost.
+size_t RunSteps(const CacheParameters& parameters, const std::vector<Step>& steps) {
+  CacheModel model(parameters);
+  qxcache::Collector collector;
+  size_t lost = 0;
+  for (const Step& step : steps) {
+    const std::string key = Numbered("key", step.key);
+    switch (step.kind) {
+      default:
+        model.Store(key, static_cast<size_t>(step.size), step.time < 300 ? static_cast<ULong>(step.time) : kNever);
+        break;
+      case kFetch:
+      case kFetch + 1:
+      case kFetch + 2:
+      case kFetch + 3:
+        model.Fetch(key);
+        break;
+      case kWait:
+        model.Wait(static_cast<ULong>(step.time));
+        break;
+      case kCollect:
+        qxcache::GCCollect(model.cache(), &collector);
+        model.Collected();
+        break;
+      case kAge:
+        qxcache::ShiftHistogram(model.cache());
+        break;
+      case kFill:
+        for (int i = 0; i < 5; i++) model.Store(key, 800, static_cast<ULong>(step.time));
+        break;
+    }
+    lost = support::CheckCache(model.cache());
+  }
+  return lost;
+}
+
+TEST(CacheModel, RandomOperations) {
+  EXPECT_TRUE(rc::check("a cache answers as its model allows", [] {
+    const CacheParameters parameters = {.region_size = static_cast<UInt>(*rc::gen::inRange(6, 14)),
+                                        .page_size = 1024,
+                                        .low = static_cast<double>(*rc::gen::inRange(0, 101)),
+                                        .high = static_cast<double>(*rc::gen::inRange(0, 101)),
+                                        .generation = static_cast<UInt>(*rc::gen::inRange(1, 50))};
+    const std::vector<Step> steps = *rc::gen::scale(10.0, Steps());
+    // What fails in one case must not count in the next, or no failing case could be made smaller.
+    testing::TestPartResultArray failures;
+    size_t lost;
+    {
+      testing::ScopedFakeTestPartResultReporter reporter(
+          testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+      lost = RunSteps(parameters, steps);
+    }
+    RC_TAG(lost > 0 ? "pages lost" : "no page lost");
+    if (failures.size() > 0) RC_FAIL(failures.GetTestPartResult(0).message());
+  }));
+}
+
+// The histogram counts what was used in no bucket twice: as long as nothing is shifted, its sum is the number of
+// objects.
+TEST(CacheModel, TheHistogramCountsEveryObjectOnce) {
+  EXPECT_TRUE(rc::check("buckets add up to the objects", [] {
+    CacheModel model({.region_size = 10, .page_size = 1024, .generation = 10});
+    qxcache::Collector collector;
+    for (const Step& step : *Steps()) {
+      const std::string key = Numbered("key", step.key);
+      if (step.kind <= 5) model.Store(key, static_cast<size_t>(step.size), static_cast<ULong>(step.time));
+      if (step.kind >= kFetch && step.kind < kWait) model.Fetch(key);
+      if (step.kind == kCollect) {
+        qxcache::GCCollect(model.cache(), &collector);
+        model.Collected();
+      }
+      UInt sum = 0;
+      for (const UInt bucket : model.cache()->c_age_histogram) sum += bucket;
+      RC_ASSERT(sum == model.cache()->c_nb_objects);
+    }
+  }));
+}
+
+}  // namespace
