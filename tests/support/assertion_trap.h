@@ -5,6 +5,9 @@
 #ifndef TESTS_SUPPORT_ASSERTION_TRAP_H
 #define TESTS_SUPPORT_ASSERTION_TRAP_H
 
+// <assert.h> declares the failure only without NDEBUG.
+#undef NDEBUG
+#include <assert.h>
 #include <dlfcn.h>
 
 #include <csetjmp>
@@ -28,8 +31,7 @@ std::string Trap(Body&& body) {
 
 }  // namespace support
 
-extern "C" [[noreturn]] void __assert_fail(const char* text, const char* file, unsigned int line,
-                                           const char* function) noexcept {
+extern "C" void __assert_fail(const char* text, const char* file, unsigned int line, const char* function) noexcept {
   if (support::assertion_trap != nullptr) {
     support::trapped_assertion = text;
     std::longjmp(*support::assertion_trap, 1);
