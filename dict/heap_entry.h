@@ -188,8 +188,8 @@ class KeyGiven {
 //   Table                                the record
 //   kModule, kFindName                   whose assertions these are
 //   bool Padded(const Table&)            whether the entry is put at a multiple of 8
-//   bool ResizeHeap(Table*, size_t)      makes t_data that large, new bytes zero, and sets t_data_size; false: as it
-//   was void CheckPlace(const Table&, size_t entry)
+//   bool ResizeHeap(Table*, size_t)      makes t_data that large, new bytes zero, and sets t_data_size; or false
+//   void CheckPlace(const Table&, size_t entry)   asserts that an aligned table's entry is
 template <typename Traits>
 bool Append(typename Traits::Table* table, const UByte* bytes, UInt len, void* ptr, size_t* place) {
   const size_t used = table->t_data_used;
@@ -305,13 +305,26 @@ inline int Cmp(const void* entry1, const void* entry2, void* arg) {
   return data->d_cmp(data->d_data + offset1, data->d_data + offset2, data->d_ptr);
 }
 
+// Moves the offsets that name a value inside the heap to the front, order kept, the others behind them. Returns how
+// many the first are.
+template <typename Table>
+UInt HeldFirst(const Table& table, UInt* offsets, UInt count) {
+  UInt held = 0;
+  while (held < count && HoldsValue(table, offsets[held])) held++;
+  for (UInt i = held; i < count; i++) {
+    if (!HoldsValue(table, offsets[i])) continue;
+    const UInt offset = offsets[i];
+    offsets[i] = offsets[held];
+    offsets[held++] = offset;
+  }
+  return held;
+}
+
 // Sorts a list of offsets. What names no value inside the heap goes to the end, unseen by the comparison.
 template <typename Table>
 void Sort(const Table& table, UInt* offsets, UInt count, HashCompareFunction cmp, void* ptr) {
-  const UInt* end =
-      std::stable_partition(offsets, offsets + count, [&](UInt offset) { return HoldsValue(table, offset); });
   HashSortData data = {cmp, table.t_data, ptr};
-  QSort(offsets, static_cast<size_t>(end - offsets), sizeof(UInt), Cmp, &data);
+  QSort(offsets, HeldFirst(table, offsets, count), sizeof(UInt), Cmp, &data);
 }
 
 // The entry that a list of offsets names; null when it names none.
