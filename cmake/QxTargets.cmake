@@ -33,7 +33,8 @@ endforeach()
 # qx_shared_library(NAME SOURCES source... [LINK library...])
 #
 # Compiles the sources once, position independent and with hidden visibility, and makes of them NAME, the shared library
-# that is installed, and NAME_internal, an archive for tests of what is not exported.
+# that is installed, and NAME_internal, an archive for tests of what is not exported. libNAME.map beside the sources says
+# which names the library exports, and their version.
 function(qx_shared_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name}_objects OBJECT ${arg_SOURCES})
@@ -49,7 +50,9 @@ function(qx_shared_library name)
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:${name}_objects> qx_instrumentation PUBLIC ${arg_LINK})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/qxdict>)
-  target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now)
+  set(exports "${CMAKE_CURRENT_SOURCE_DIR}/lib${name}.map")
+  target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now "-Wl,--version-script=${exports}")
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS "${exports}")
   if(QXDICT_SANITIZE)
     # clang leaves the sanitizer runtime to the executable.
     target_link_options(${name} PRIVATE -Wl,-z,undefs)
