@@ -46,6 +46,7 @@ struct Graph {
   State* g_state;
 };
 
+// A graph of `size` vertices for at most as many edges.
 Graph* GraphNew(Id nedges, Id size);
 void GraphDelete(Graph* graph);
 

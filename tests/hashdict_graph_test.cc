@@ -66,8 +66,9 @@ TEST(HashDictGraph, ComesApartLikeTheModelsLists) {
   EXPECT_TRUE(rc::check([] {
     const auto vertices = *rc::gen::inRange<Id>(3, 60);
     const auto vertex = rc::gen::inRange<Id>(1, vertices + 1);
+    const auto count = *rc::gen::inRange<size_t>(0, vertices + 1);
     const auto edges = *rc::gen::container<std::vector<ModelTriple>>(
-        rc::gen::map(rc::gen::unique<std::vector<Id>>(3, vertex), [](const std::vector<Id>& v) {
+        count, rc::gen::map(rc::gen::unique<std::vector<Id>>(3, vertex), [](const std::vector<Id>& v) {
           return ModelTriple{v[0], v[1], v[2]};
         }));
     const GraphPtr graph = Make(edges, vertices);
