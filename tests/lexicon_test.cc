@@ -58,6 +58,66 @@ TEST_F(LexiconTest, CountsBuildsWritesAndLooksUp) {
   EXPECT_TRUE(std::filesystem::exists(directory_.file("out/words.dic")));
 }
 
+class CorrectionsTest : public LexiconTest {
+ protected:
+  CorrectionsTest() {
+    // "chery" three times and "dete" twice; "elderberry" has no neighbour in the list.
+    support::WriteFile(directory_.file("text"), "chery dete apple\nchery elderberry\ndete, chery!\n");
+  }
+};
+
+TEST_F(CorrectionsTest, AreKeptAndFoundAgain) {
+  const Outcome run = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("Correcting what is not in it, each correction kept for 60.00 s\n"
+                                    "    chery                    cherry\n"
+                                    "    dete                     date\n"
+                                    "    6 of 7 words asked for: 3 hits, 3 misses, 50.0 percent hits\n"
+                                    "    worked out in "));
+  // Keys, their zero bytes and values: 5 + 1 + 6, 4 + 1 + 4, 10 + 1 + 0.
+  EXPECT_THAT(run.output, HasSubstr("    the cache holds 3 answers, 0.0 KiB of its 16.0 MiB\n"));
+}
+
+TEST_F(CorrectionsTest, ThatMayNotBeKeptAreWorkedOutEachTime) {
+  const Outcome run = Lexicon(Basics() + "--keep 0 " + directory_.file("text"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("each correction kept for 0.0 us\n"));
+  EXPECT_THAT(run.output, HasSubstr("    6 of 7 words asked for: 0 hits, 6 misses, 0.0 percent hits\n"
+                                    "    the cache holds 6 answers"));
+}
+
+TEST_F(CorrectionsTest, AreLettersLeftOutPutInReplacedOrSwapped) {
+  support::WriteFile(directory_.file("list"), "bat\nbet\nbeta\nbt\nbte\nabet\nbets\nbeat\nbetas\ntebt\n");
+  support::WriteFile(directory_.file("text"), "betx");
+  const Outcome first = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_THAT(first.output, HasSubstr("    betx                     bet, beta, bets\n"));
+  support::WriteFile(directory_.file("text"), "ebt");
+  const Outcome second = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_THAT(second.output, HasSubstr("    ebt                      bet, bt, tebt\n"));
+}
+
+TEST_F(CorrectionsTest, AreNotAskedForOneLetterOrTwo) {
+  support::WriteFile(directory_.file("text"), "x yz dat");
+  const Outcome run = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_THAT(run.output, HasSubstr("    1 of 3 words asked for: 0 hits, 1 misses, 0.0 percent hits"));
+}
+
+TEST_F(CorrectionsTest, OfATextWithoutForeignWordsAreNone) {
+  support::WriteFile(directory_.file("text"), "apple date\n");
+  const Outcome run = Lexicon(Basics() + directory_.file("text"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("    0 of 2 words asked for: 0 hits, 0 misses\n"
+                                    "    the cache holds 0 answers, 0.0 KiB of its 16.0 MiB\n"));
+}
+
+TEST_F(CorrectionsTest, TakeANumberOfMilliseconds) {
+  for (const char* keep : {"soon", "-1", "''", "1s", "99999999999999999999", "1000000000001"}) {
+    const Outcome run = Lexicon(Basics() + "--keep " + keep + " " + directory_.file("text"));
+    EXPECT_EQ(run.status, 1) << keep;
+    EXPECT_THAT(run.output, HasSubstr("--keep takes a number of milliseconds")) << keep;
+  }
+}
+
 TEST_F(LexiconTest, AMissingTextIsAClearError) {
   const Outcome run = Lexicon(Basics() + directory_.file("nowhere"));
   EXPECT_EQ(run.status, 1);

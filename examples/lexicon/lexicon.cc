@@ -3,11 +3,14 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <set>
 
 #include "qxlib/misc.h"
 
 namespace lexicon {
 namespace {
+
+constexpr ULong kAnswerBytes = 16 << 20;  // memory for corrections: one region
 
 const UByte* Bytes(std::string_view text) { return reinterpret_cast<const UByte*>(text.data()); }
 
@@ -69,16 +72,13 @@ Table NewCounts() {
   return counts;
 }
 
-size_t CountWords(HashTable* counts, const std::string& path) {
+void ForEachWord(const std::string& path, const std::function<void(const std::string&, UInt)>& visit) {
   std::ifstream in = OpenText(path);
-  size_t words = 0;
   UInt line = 1;
   std::string word;
   const auto finish = [&] {
     while (!word.empty() && word.back() == '\'') word.pop_back();
-    if (word.empty()) return;
-    Count(counts, word, line);
-    words++;
+    if (!word.empty()) visit(word, line);
     word.clear();
   };
   std::vector<char> piece(1 << 16);
@@ -95,6 +95,14 @@ size_t CountWords(HashTable* counts, const std::string& path) {
   }
   if (in.bad()) throw Error{"cannot read " + path + ": " + std::strerror(errno)};
   finish();
+}
+
+size_t CountWords(HashTable* counts, const std::string& path) {
+  size_t words = 0;
+  ForEachWord(path, [counts, &words](const std::string& word, UInt line) {
+    Count(counts, word, line);
+    words++;
+  });
   return words;
 }
 
@@ -210,6 +218,63 @@ std::string AttributeOf(const AttrDict* attributes, Id id) {
   const UByte* bytes = nullptr;
   const UByte length = AttrDictGet(attributes, id, &bytes);
   return length == 0 ? std::string() : std::string(reinterpret_cast<const char*>(bytes), length);
+}
+
+std::string WorkOutCorrections(const HashDict* dictionary, const std::vector<std::string>& words,
+                               std::string_view foreign) {
+  std::set<std::string> found;
+  const auto consider = [&](const std::string& candidate) {
+    const Id id = LookUp(dictionary, candidate);
+    // Now and then a foreign candidate passes the probe: what it was taken for tells.
+    if (id != kAbsent && words[id] == candidate) found.insert(candidate);
+  };
+  for (size_t i = 0; i <= foreign.size(); i++) {
+    const std::string before(foreign.substr(0, i));
+    const std::string_view behind = foreign.substr(i);
+    for (char letter = 'a'; letter <= 'z'; letter++) {
+      consider((before + letter).append(behind));
+      if (!behind.empty()) consider((before + letter).append(behind.substr(1)));
+    }
+    if (!behind.empty()) consider(std::string(before).append(behind.substr(1)));
+    if (behind.size() > 1) consider((before + behind[1] + behind[0]).append(behind.substr(2)));
+  }
+  std::string corrections;
+  for (const std::string& word : found) corrections += (corrections.empty() ? "" : ", ") + word;
+  return corrections;
+}
+
+Corrections::Corrections(const HashDict* dictionary, const std::vector<std::string>* words, ULong keep_milliseconds)
+    : dictionary_(dictionary), words_(words), keep_milliseconds_(keep_milliseconds), cache_(QXCacheNew(kAnswerBytes)) {
+  if (!cache_) throw Error{"no memory for the cache of corrections"};
+}
+
+bool Corrections::Fetch(const std::string& foreign, std::string* answer) {
+  UByteArray bytes;
+  ArrayInit_(&bytes.a);
+  const bool found = QXCacheGetDynamic(cache_.get(), Bytes(foreign), &bytes) != FALSE;
+  if (found && bytes.t.length > 0) answer->assign(reinterpret_cast<const char*>(bytes.t.elts), bytes.t.length);
+  ArrayFree_(&bytes.a, "lexicon", __LINE__);
+  return found;
+}
+
+std::string Corrections::Of(const std::string& foreign) {
+  std::string answer;
+  if (Fetch(foreign, &answer)) {
+    hits_++;
+    return answer;
+  }
+  misses_++;
+  answer = WorkOutCorrections(dictionary_, *words_, foreign);
+  // A cache that refuses has no room just now. The answer is as good without it, and will be worked out again.
+  QXCacheStore(cache_.get(), Bytes(foreign), Bytes(answer), static_cast<UInt>(answer.size()),
+               GetCurrentTimeMilliseconds() + keep_milliseconds_);
+  return answer;
+}
+
+Corrections::Fill Corrections::HowFull() const {
+  Fill fill = {};
+  fill.capacity = QXCacheGetSize(cache_.get(), &fill.answers, &fill.bytes);
+  return fill;
 }
 
 }  // namespace lexicon

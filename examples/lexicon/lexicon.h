@@ -1,5 +1,5 @@
 // The steps of the example: count the words of texts and keep the counts in a file, build a dictionary of a word list
-// with an attribute a word, look words up in it.
+// with an attribute a word, look words up in it, and correct those that are not there.
 
 #ifndef EXAMPLES_LEXICON_LEXICON_H
 #define EXAMPLES_LEXICON_LEXICON_H
@@ -13,6 +13,7 @@
 #include "dict/attrdict.h"
 #include "dict/hashdict.h"
 #include "dict/hashtable.h"
+#include "dict/qxcache.h"
 
 namespace lexicon {
 
@@ -33,10 +34,14 @@ struct CloseDictionary {
 struct CloseAttributes {
   void operator()(AttrDict* attributes) const { AttrDictClose(attributes); }
 };
+struct DeleteCache {
+  void operator()(Cache* cache) const { QXCacheDelete(cache); }
+};
 using Table = std::unique_ptr<HashTable, FreeTable>;
 using BuiltDictionary = std::unique_ptr<HashDict, FreeDictionary>;
 using MappedDictionary = std::unique_ptr<HashDict, CloseDictionary>;
 using Attributes = std::unique_ptr<AttrDict, CloseAttributes>;
+using AnswerCache = std::unique_ptr<Cache, DeleteCache>;
 
 // What a word's value in the counting table holds.
 struct WordCount {
@@ -47,8 +52,11 @@ struct WordCount {
 // An empty table for counting, in mapped memory.
 Table NewCounts();
 
-// Counts the words of a text: runs of letters, digits and bytes above 127, with apostrophes inside, in lower case.
-// Returns how many there were. Throws Error when the file cannot be read.
+// Calls `visit` for each word of a text with the line it stands in: runs of letters, digits and bytes above 127, with
+// apostrophes inside, in lower case. Throws Error when the file cannot be read.
+void ForEachWord(const std::string& path, const std::function<void(const std::string&, UInt)>& visit);
+
+// Counts the words of a text. Returns how many there were. Throws Error when the file cannot be read.
 size_t CountWords(HashTable* counts, const std::string& path);
 
 // Calls `visit` for each counted word, in order of first appearance.
@@ -86,6 +94,41 @@ constexpr Id kAbsent = 0xFFFFFFFE;
 
 // The word's number, or kAbsent.
 Id LookUp(const HashDict* dictionary, std::string_view word);
+
+// The words that differ from a foreign one by one letter left out, put in, replaced, or two that changed places:
+// "receive, relieve" for "recieve", in alphabetical order; "" when there is none. Hundreds of look-ups an answer.
+std::string WorkOutCorrections(const HashDict* dictionary, const std::vector<std::string>& words,
+                               std::string_view foreign);
+
+// Keeps corrections, so that none is worked out again before its time is up.
+class Corrections {
+ public:
+  Corrections(const HashDict* dictionary, const std::vector<std::string>* words, ULong keep_milliseconds);
+
+  // Which words the foreign one may stand for.
+  std::string Of(const std::string& foreign);
+
+  size_t hits() const { return hits_; }
+  size_t misses() const { return misses_; }
+
+  // How many answers the cache holds, their bytes, and the bytes it could hold.
+  struct Fill {
+    UInt answers;
+    ULong bytes;
+    ULong capacity;
+  };
+  Fill HowFull() const;
+
+ private:
+  bool Fetch(const std::string& foreign, std::string* answer);
+
+  const HashDict* dictionary_;
+  const std::vector<std::string>* words_;
+  ULong keep_milliseconds_;
+  AnswerCache cache_;
+  size_t hits_ = 0;
+  size_t misses_ = 0;
+};
 
 }  // namespace lexicon
 

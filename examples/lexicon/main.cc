@@ -1,12 +1,13 @@
 // lexicon: counts the words of texts, keeps the counts in a file, builds a perfect-hash dictionary of a word list with
-// an attribute a word, writes both, maps the files again and looks words up: the library's main job, in plain use of
-// its public headers.
+// an attribute a word, writes both, maps the files again, looks words up, and corrects those that are not there, with
+// the corrections kept in a cache: the library's main job, in plain use of its public headers.
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -17,18 +18,24 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: lexicon --words LIST --out DIRECTORY [--look-up WORD]... TEXT...\n"
+    "usage: lexicon --words LIST --out DIRECTORY [--look-up WORD]... [--keep MILLISECONDS] TEXT...\n"
     "\n"
     "Counts the words of each TEXT into DIRECTORY/counts.tab, builds a dictionary of the words in LIST (one a\n"
     "line), writes it to DIRECTORY/words.dic and what was counted of each word to words.idx and words.dat,\n"
-    "maps the files, and looks up every WORD and every counted word.\n";
+    "maps the files, and looks up every WORD and every counted word. Then it reads the texts once more and\n"
+    "corrects each word that is not in LIST; a correction is kept for MILLISECONDS (a minute) and used again.\n";
 
 constexpr UInt kMostFrequent = 10;
+constexpr ULong kKeepMilliseconds = 60000;
+constexpr ULong kMostMilliseconds = 1000000000000;  // some thirty years
+constexpr size_t kExamples = 6;
+constexpr size_t kShortest = 3;  // letters of a word worth correcting: one or two are near to everything
 
 struct Options {
   std::string list;
   std::string directory;
   std::vector<std::string> look_ups;
+  ULong keep_milliseconds = kKeepMilliseconds;
   std::vector<std::string> texts;
 };
 
@@ -67,8 +74,10 @@ std::string Duration(double seconds) {
     std::snprintf(text, sizeof text, "%.2f s", seconds);
   } else if (seconds >= 1e-3) {
     std::snprintf(text, sizeof text, "%.1f ms", seconds * 1e3);
-  } else {
+  } else if (seconds >= 1e-5) {
     std::snprintf(text, sizeof text, "%.0f us", seconds * 1e6);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f us", seconds * 1e6);
   }
   return text;
 }
@@ -87,6 +96,15 @@ void ShowProgress(const QXMessageContext* context, const char* text, void*) {
   }
 }
 
+ULong Milliseconds(const std::string& text) {
+  ULong number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number > kMostMilliseconds) {
+    throw lexicon::Error{"--keep takes a number of milliseconds, not " + text + "\n" + kUsage};
+  }
+  return number;
+}
+
 Options Parse(int argc, char** argv) {
   Options options;
   for (int i = 1; i < argc; i++) {
@@ -101,6 +119,8 @@ Options Parse(int argc, char** argv) {
       options.directory = value();
     } else if (argument == "--look-up") {
       options.look_ups.push_back(value());
+    } else if (argument == "--keep") {
+      options.keep_milliseconds = Milliseconds(value());
     } else if (argument.starts_with("--")) {
       throw lexicon::Error{"unknown option " + argument + "\n" + kUsage};
     } else {
@@ -145,9 +165,10 @@ void SaveAndRank(const HashTable* counts, const std::string& path) {
   std::printf("\n");
 }
 
-void BuildAndWrite(const Options& options, HashTable* counts) {
+// Returns the words, each in the place of its number.
+std::vector<std::string> BuildAndWrite(const Options& options, HashTable* counts) {
   std::printf("\nBuilding a dictionary of %s\n", options.list.c_str());
-  const std::vector<std::string> words = lexicon::ReadWordList(options.list);
+  std::vector<std::string> words = lexicon::ReadWordList(options.list);
   const Clock clock;
   const lexicon::BuiltDictionary dictionary = lexicon::Build(words, 2);
   const double seconds = clock.Seconds();
@@ -160,6 +181,7 @@ void BuildAndWrite(const Options& options, HashTable* counts) {
   lexicon::WriteAttributes(words, counts, options.directory, "words");
   std::printf("    written to %s/words.dic, with an attribute a word in words.idx and words.dat\n",
               options.directory.c_str());
+  return words;
 }
 
 void LookUpGiven(const HashDict* dictionary, const AttrDict* attributes, const std::vector<std::string>& words) {
@@ -199,12 +221,52 @@ void LookUpCounted(const HashDict* dictionary, const HashTable* counts) {
   std::printf("\n");
 }
 
+// Reads the texts once more, in running order, and corrects each word that is not in the dictionary.
+void CorrectTexts(const HashDict* dictionary, const std::vector<std::string>& words, const Options& options) {
+  std::printf("\nCorrecting what is not in it, each correction kept for %s\n",
+              Duration(static_cast<double>(options.keep_milliseconds) / 1e3).c_str());
+  lexicon::Corrections corrections(dictionary, &words, options.keep_milliseconds);
+  size_t read = 0;
+  double hit_seconds = 0;
+  double miss_seconds = 0;
+  std::vector<std::pair<std::string, std::string>> examples;
+  const auto correct = [&](const std::string& word, UInt) {
+    read++;
+    if (word.size() < kShortest || lexicon::LookUp(dictionary, word) != lexicon::kAbsent) return;
+    const size_t misses = corrections.misses();
+    const Clock clock;
+    const std::string answer = corrections.Of(word);
+    const bool missed = corrections.misses() != misses;
+    (missed ? miss_seconds : hit_seconds) += clock.Seconds();
+    if (missed && !answer.empty() && examples.size() < kExamples) examples.emplace_back(word, answer);
+  };
+  for (const std::string& text : options.texts) lexicon::ForEachWord(text, correct);
+
+  const size_t hits = corrections.hits();
+  const size_t misses = corrections.misses();
+  for (const auto& [word, answer] : examples) std::printf("    %-24s %s\n", word.c_str(), answer.c_str());
+  std::printf("    %s of %s words asked for: %s hits, %s misses", Grouped(hits + misses).c_str(), Grouped(read).c_str(),
+              Grouped(hits).c_str(), Grouped(misses).c_str());
+  if (hits + misses > 0) {
+    std::printf(", %.1f percent hits", 100 * static_cast<double>(hits) / static_cast<double>(hits + misses));
+  }
+  std::printf("\n");
+  if (hits > 0) {
+    std::printf("    worked out in %s each, found in the cache in %s each\n",
+                Duration(miss_seconds / static_cast<double>(misses)).c_str(),
+                Duration(hit_seconds / static_cast<double>(hits)).c_str());
+  }
+  const lexicon::Corrections::Fill fill = corrections.HowFull();
+  std::printf("    the cache holds %s answers, %s of its %s\n", Grouped(fill.answers).c_str(), Size(fill.bytes).c_str(),
+              Size(fill.capacity).c_str());
+}
+
 void Run(const Options& options) {
   const lexicon::Table counts = lexicon::NewCounts();
   CountTexts(counts.get(), options.texts);
   MakeDirectory(options.directory);
   SaveAndRank(counts.get(), options.directory + "/counts.tab");
-  BuildAndWrite(options, counts.get());
+  const std::vector<std::string> words = BuildAndWrite(options, counts.get());
 
   const Clock clock;
   const lexicon::MappedDictionary dictionary = lexicon::Open(options.directory, "words");
@@ -212,6 +274,7 @@ void Run(const Options& options) {
   std::printf("\nLooking words up in the mapped files, opened in %s\n", Duration(clock.Seconds()).c_str());
   LookUpGiven(dictionary.get(), attributes.get(), options.look_ups);
   LookUpCounted(dictionary.get(), counts.get());
+  CorrectTexts(dictionary.get(), words, options);
 }
 
 }  // namespace
