@@ -105,12 +105,12 @@ void Duel::Contend(std::string name, std::function<void(Sheet&)> turn) {
   contenders_.push_back({std::move(name), std::move(turn), {}});
 }
 
-void Duel::Run(const std::string& title, int rounds) {
+void Duel::Run(const char* family, size_t keys, int rounds, std::FILE* csv) {
   for (int round = 0; round < rounds; round++) {
     for (Contender& contender : contenders_) contender.rounds.push_back(Turn(contender.name, contender.turn));
   }
 
-  std::printf("\n%s, median of %d rounds; in brackets ours over theirs\n%-22s", title.c_str(), rounds, "");
+  std::printf("\n%s, %zu keys, median of %d rounds; in brackets ours over theirs\n%-22s", family, keys, rounds, "");
   for (const Contender& contender : contenders_) std::printf(" %24s", contender.name.c_str());
   std::printf("\n");
   std::vector<Entry> parts;  // every part that anybody did, in order of appearance
@@ -138,6 +138,10 @@ void Duel::Run(const std::string& title, int rounds) {
       }
       const double median = Median(values);
       const char* unit = part.timed ? " ns" : "";
+      if (csv != nullptr) {
+        std::fprintf(csv, "\"%s\",%zu,\"%s\",%s,\"%s\",%.3f\n", family, keys, part.part, part.timed ? "ns" : "",
+                     contender.name.c_str(), median);
+      }
       if (&contender == &contenders_[0]) {
         ours = median;
         std::printf(" %21.1f%-3s", median, unit);
@@ -154,6 +158,7 @@ void Duel::Run(const std::string& title, int rounds) {
 int Main(int argc, char** argv, const char* family, const std::function<void(Duel&, size_t)>& fill,
          std::vector<size_t> sizes) {
   int rounds = 7;
+  std::FILE* csv = nullptr;
   for (int i = 1; i < argc; i++) {
     const std::string option = argv[i];
     if (option == "--rounds" && i + 1 < argc) {
@@ -162,8 +167,11 @@ int Main(int argc, char** argv, const char* family, const std::function<void(Due
       sizes.clear();
       std::stringstream list(argv[++i]);
       for (std::string item; std::getline(list, item, ',');) sizes.push_back(std::strtoull(item.c_str(), nullptr, 10));
+    } else if (option == "--csv" && i + 1 < argc) {
+      csv = std::fopen(argv[++i], "ae");
+      if (csv == nullptr) Fail(std::string("cannot write ") + argv[i]);
     } else {
-      std::fprintf(stderr, "usage: %s [--rounds N] [--sizes N,N,...]\n", argv[0]);
+      std::fprintf(stderr, "usage: %s [--rounds N] [--sizes N,N,...] [--csv FILE]\n", argv[0]);
       return 2;
     }
   }
@@ -171,8 +179,9 @@ int Main(int argc, char** argv, const char* family, const std::function<void(Due
     if (size == 0) Fail("a size must be a number above 0");
     Duel duel;
     fill(duel, size);
-    duel.Run(std::string(family) + ", " + std::to_string(size) + " keys", rounds);
+    duel.Run(family, size, rounds, csv);
   }
+  if (csv != nullptr && std::fclose(csv) != 0) Fail("the figures could not be written");
   return 0;
 }
 

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -73,7 +74,7 @@ class Duel {
 
  private:
   friend int Main(int, char**, const char*, const std::function<void(Duel&, size_t)>&, std::vector<size_t>);
-  void Run(const std::string& title, int rounds);
+  void Run(const char* family, size_t keys, int rounds, std::FILE* csv);
 
   struct Contender {
     std::string name;
@@ -83,7 +84,8 @@ class Duel {
   std::vector<Contender> contenders_;
 };
 
-// Options: --rounds N (default 7), --sizes N,N,... (default `sizes`). Calls `fill` once a size to add the contenders.
+// Options: --rounds N (default 7), --sizes N,N,... (default `sizes`), --csv FILE (appends the medians, a line for each:
+// family, keys, part, unit, contender, value). Calls `fill` once a size to add the contenders.
 int Main(int argc, char** argv, const char* family, const std::function<void(Duel&, size_t)>& fill,
          std::vector<size_t> sizes = {10000, 1000000});
 
