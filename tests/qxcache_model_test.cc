@@ -28,7 +28,7 @@ std::ostream& operator<<(std::ostream& out, const Step& s) {
   return out << "{" << s.kind << ", " << s.key << ", " << s.size << ", " << s.time << "}";
 }
 
-constexpr int kStore = 0;  // up to 5
+// 0 to 5: a store.
 constexpr int kFetch = 6;  // up to 9
 constexpr int kWait = 10;
 constexpr int kCollect = 11;
