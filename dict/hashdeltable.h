@@ -172,8 +172,8 @@ QX_API Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt 
  *
  * @param table   the table, in the hashed state (asserted: "!table->t_selected")
  * @param factor  the new capacity is the old one times this, in single precision and cut to an integer; above 1
- *                (asserted: "factor > 1.0"). To gain at least one key, take 1 + 1 / capacity or more; to clean up only,
- *                a little above 1, say 1.00001f
+ *                (asserted: "factor > 1.0"). To be sure of a gain, take 1 + 2 / capacity or more, and not less than
+ *                1.000001; to clean up only, a little above 1, say 1.00001f
  * @param ptr     handed to the table's hash callback
  *
  * When keys have been removed since the last clean-up, the live entries move to the front of the heap, in their old

@@ -143,7 +143,8 @@ QX_API UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Bool
  *
  * @param table   the table, in the hashed state (asserted: "!table->t_selected")
  * @param factor  the new capacity is the old one times this, in single precision and cut to an integer; above 1
- *                (asserted: "factor > 1.0"). To gain at least one key, take 1 + 1 / capacity or more
+ *                (asserted: "factor > 1.0"). To be sure of a gain, take 1 + 2 / capacity or more, and not less than
+ *                1.000001: a little less is lost in single precision
  * @param ptr     handed to the table's hash callback
  *
  * On failure the table stays as it was, after a message: a mapping failed, or the new capacity passes 1431655765.

@@ -93,6 +93,10 @@ TEST(ScaleCapacity, MultipliesInSinglePrecisionAndCuts) {
   EXPECT_EQ(capacity, 16777218u);
   EXPECT_TRUE(heap::ScaleCapacity(99474, 1.00001F, &capacity));
   EXPECT_EQ(capacity, 99474u);
+  EXPECT_TRUE(heap::ScaleCapacity(29, 1 + 1.0F / 29, &capacity));
+  EXPECT_EQ(capacity, 29u);  // 29.999998 in single precision: one key's share is too little
+  EXPECT_TRUE(heap::ScaleCapacity(29, 1 + 2.0F / 29, &capacity));
+  EXPECT_EQ(capacity, 31u);
   EXPECT_TRUE(heap::ScaleCapacity(0, 1e30F, &capacity));
   EXPECT_EQ(capacity, 0u);
 }
