@@ -3,32 +3,22 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
 
 #include "support/files.h"
+#include "support/programs.h"
 
 namespace {
 
 using Names = std::set<std::string>;
 
-std::string Output(const std::string& command) {
-  std::FILE* pipe = popen(command.c_str(), "r");
-  std::string output;
-  std::array<char, 4096> buffer;
-  for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) output.append(buffer.data(), got);
-  EXPECT_EQ(pclose(pipe), 0) << command;
-  return output;
-}
-
 // The names that a library defines for others, each of which carries `version`.
 Names Exported(const std::string& library, const std::string& version) {
   Names names;
-  std::istringstream lines(Output("nm -D --defined-only " + library));
+  std::istringstream lines(support::MustRun("nm -D --defined-only " + library));
   for (std::string address, type, symbol; lines >> address >> type >> symbol;) {
     if (symbol == version) continue;  // the version itself
     const size_t at = symbol.find("@@");
@@ -63,10 +53,10 @@ TEST(Exports, DictionaryLibraryDefinesNoBaseOperation) {
 }
 
 TEST(Exports, LibrariesCarryTheirVersionInTheirNames) {
-  const std::string dict = Output("readelf -d " QX_LIBQXDICT);
+  const std::string dict = support::MustRun("readelf -d " QX_LIBQXDICT);
   EXPECT_NE(dict.find("Library soname: [libqxdict.so.1]"), std::string::npos) << dict;
   EXPECT_NE(dict.find("Shared library: [libqxlib.so.1]"), std::string::npos) << dict;
-  const std::string base = Output("readelf -d " QX_LIBQXLIB);
+  const std::string base = support::MustRun("readelf -d " QX_LIBQXLIB);
   EXPECT_NE(base.find("Library soname: [libqxlib.so.1]"), std::string::npos) << base;
 }
 

@@ -1,0 +1,37 @@
+# Removes what the last installations from the build directory BUILD laid down, and the directories below the prefix that
+# are empty then. DESTDIR is heeded as on installing.
+
+file(GLOB manifests "${BUILD}/install_manifest*.txt")
+if(NOT manifests)
+  message(FATAL_ERROR "nothing was installed from ${BUILD}")
+endif()
+
+foreach(manifest IN LISTS manifests)
+  file(STRINGS "${manifest}" files)
+  # The prefix, above which nothing is touched: where all files meet.
+  list(GET files 0 prefix)
+  foreach(file IN LISTS files)
+    string(FIND "${file}" "${prefix}/" at)
+    while(NOT at EQUAL 0)
+      get_filename_component(prefix "${prefix}" DIRECTORY)
+      string(REGEX REPLACE "/$" "" prefix "${prefix}")
+      string(FIND "${file}" "${prefix}/" at)
+    endwhile()
+  endforeach()
+
+  foreach(file IN LISTS files)
+    set(path "$ENV{DESTDIR}${file}")
+    message(STATUS "Removing ${path}")
+    file(REMOVE "${path}")
+    get_filename_component(directory "${path}" DIRECTORY)
+    while(IS_DIRECTORY "${directory}" AND NOT directory STREQUAL "$ENV{DESTDIR}${prefix}")
+      file(GLOB rest "${directory}/*" "${directory}/.*")
+      if(rest)
+        break()
+      endif()
+      file(REMOVE_RECURSE "${directory}")
+      get_filename_component(directory "${directory}" DIRECTORY)
+    endwhile()
+  endforeach()
+endforeach()
+file(REMOVE ${manifests})

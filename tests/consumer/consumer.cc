@@ -1,0 +1,41 @@
+// Uses every family from C++.
+
+#include <cstdio>
+#include <string>
+
+#include "dict/attrdict.h"
+#include "dict/avldict.h"
+#include "dict/avlldict.h"
+#include "dict/hashdeltable.h"
+#include "dict/hashdict.h"
+#include "dict/hashtable.h"
+#include "dict/idmap.h"
+#include "dict/qxcache.h"
+#include "dict/rbdict.h"
+#include "dict/version.h"
+#include "qxlib/misc.h"
+#include "util/io.h"
+#include "util/io2.h"
+
+int main() {
+  static const char* const kWords[] = {"one", "two", "three"};
+  const auto key = [](void*, Id index, const UByte** bytes) -> UShort {
+    *bytes = reinterpret_cast<const UByte*>(kWords[index]);
+    return static_cast<UShort>(std::string(kWords[index]).size());
+  };
+  HashDict* dictionary = HashDictBuild(3, nullptr, key, nullptr, 0, 4, FALSE);
+  const Id two = HashDictFind(dictionary, reinterpret_cast<const UByte*>("two"), 3);
+  HashDictFree(dictionary);
+
+  AVLLDict* tree = QXAVLLDictNew(16);
+  QXAVLLDictInsert(tree, 10, 100, 0);
+  const ULong hundred = QXAVLLDictFind(tree, 10, 0);
+  QXAVLLDictDelete(tree);
+
+  Cache* cache = QXCacheNew(16 << 20);
+  const UByte* text = reinterpret_cast<const UByte*>("text");
+  const bool stored = QXCacheStore(cache, text, text, 4, ~0UL) != FALSE;
+  QXCacheDelete(cache);
+
+  std::printf("C++ %s %u %lu %d %zu\n", QXDictVersion(), two, hundred, stored ? 1 : 0, sizeof(Page));
+}
