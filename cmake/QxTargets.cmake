@@ -19,7 +19,8 @@ if(QXDICT_SANITIZE)
   target_link_options(qx_instrumentation INTERFACE -fsanitize=${QXDICT_SANITIZE})
 endif()
 if(QXDICT_COVERAGE)
-  target_compile_options(qx_instrumentation INTERFACE --coverage)
+  # Threads count too: without atomic counters some of them turn negative.
+  target_compile_options(qx_instrumentation INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(qx_instrumentation INTERFACE --coverage)
 endif()
 
