@@ -152,7 +152,7 @@ SkewStatus Shrunk(typename T::Dict* dict, Index p, Index x) {
 // Stores d under v and gives its node. A value that was there before goes to *n.
 template <typename T>
 Index Insert(typename T::Dict* dict, typename T::Key v, typename T::Value d, typename T::Value* n) {
-  Path<T> path;
+  Path<T> path(dict);
   path.Push(kHeader);
   for (Index x = tree::Root(dict); x != 0;) {
     typename T::Node& node = dict->d_nodes[x];
@@ -168,11 +168,7 @@ Index Insert(typename T::Dict* dict, typename T::Key v, typename T::Value d, typ
   const Index added = tree::NodeNew<T>(dict, v, d);
   typename T::Node* nodes = dict->d_nodes;
   // The header's key is 0 and so below every key, or equal: the first node becomes its right child, the root.
-  if (v >= nodes[path.Top()].n_key) {
-    SetChild<Side::kRight>(nodes[path.Top()], added);
-  } else {
-    SetChild<Side::kLeft>(nodes[path.Top()], added);
-  }
+  tree::SetToward(nodes[path.Top()], v, added);
   for (SkewStatus status = BALANCE; status == BALANCE && path.Size() > 1;) {
     const Index x = path.Pop();
     status =
@@ -186,7 +182,7 @@ Index Insert(typename T::Dict* dict, typename T::Key v, typename T::Value d, typ
 template <typename T, Side side>
 SkewStatus ReplaceByNearest(typename T::Dict* dict, Index p, Index x) {
   typename T::Node* nodes = dict->d_nodes;
-  Path<T> path;  // from x's child to the parent of the node that goes
+  Path<T> path(dict);  // from x's child to the parent of the node that goes
   Index h = Child<side>(nodes[x]);
   for (Index next; (next = Child<Other(side)>(nodes[h])) != 0; h = next) path.Push(h);
   nodes[x].n_key = nodes[h].n_key;
@@ -206,20 +202,9 @@ SkewStatus ReplaceByNearest(typename T::Dict* dict, Index p, Index x) {
   return status == BALANCE ? Shrunk<T, side>(dict, p, x) : OK;
 }
 
-// Unlinks x, a leaf and a child of p. Its slot is not released yet.
-template <typename T>
-void UnlinkLeaf(typename T::Dict* dict, Index p, Index x) {
-  typename T::Node* nodes = dict->d_nodes;
-  if (nodes[x].n_key >= nodes[p].n_key) {
-    SetChild<Side::kRight>(nodes[p], 0);
-  } else {
-    SetChild<Side::kLeft>(nodes[p], 0);
-  }
-}
-
 template <typename T>
 typename T::Value Remove(typename T::Dict* dict, typename T::Key v, typename T::Value n) {
-  Path<T> path;
+  Path<T> path(dict);
   path.Push(kHeader);
   const Index x = tree::Search<T>(dict, v, [&path](Index passed) { path.Push(passed); });
   if (x == kSentinel) return n;
@@ -233,7 +218,7 @@ typename T::Value Remove(typename T::Dict* dict, typename T::Key v, typename T::
   } else if (Child<Side::kRight>(nodes[x]) != 0) {
     status = ReplaceByNearest<T, Side::kRight>(dict, path.Top(), x);
   } else {
-    UnlinkLeaf<T>(dict, path.Top(), x);
+    tree::SetToward(nodes[path.Top()], v, 0);
     leaf = true;
   }
   // The removed key tells on which side of each node the path went: a link does not, a rotation below may have put

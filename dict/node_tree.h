@@ -19,12 +19,13 @@
 //   kModule                        "dict/avlldict", in messages and assertions
 //   kMaxHeight                     the most levels that a tree of 31-bit indices can have
 //   ReportMapping, ReportGrowth    functions of a byte size: the messages for memory that cannot be had
+//
+// Assertions and messages name the dictionary's module, and the line of the template that makes them.
 
 #ifndef DICT_NODE_TREE_H
 #define DICT_NODE_TREE_H
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 
 #include "dict/report.h"
@@ -87,21 +88,38 @@ Index Toward(const Node& node, Key v) {
   return (right ^ ((left ^ right) & if_left)) & kIndexMask;
 }
 
+// Replaces the child on the side where `v` belongs; an equal key belongs to the right.
+template <typename Node, typename Key>
+void SetToward(Node& node, Key v, Index child) {
+  if (v < node.n_key) {
+    SetChild<Side::kLeft>(node, child);
+  } else {
+    SetChild<Side::kRight>(node, child);
+  }
+}
+
 template <typename Dict>
 Index Root(const Dict* dict) {
   return Child<Side::kRight>(dict->d_nodes[kHeader]);
 }
 
-// The way from the header down to a node. Room for every valid tree: all its levels, the header above them, the
-// sentinel or a new node below, and one node more, which the red-black repair slips in. A longer way means that
-// somebody wrote into the array, or changed the tree while it was enumerated; there is no going on from there.
+// The way from the header down to a node. There is room at hand for every balanced tree: all its levels, the header
+// above them, the sentinel or a new node below, and one node more, which the red-black repair slips in. A longer way,
+// in nodes that somebody else has linked, moves to a block of its own. One that is longer than the node array runs in a
+// circle; there is no going on from there.
 template <typename T>
 class Path {
  public:
+  explicit Path(const typename T::Dict* dict) : dict_(dict) {}
+  ~Path() {
+    if (nodes_ != at_hand_) UnAllocate_(nodes_, T::kModule, __LINE__);
+  }
+  Path(const Path&) = delete;
+  Path& operator=(const Path&) = delete;
+
   void Push(Index x) {
-    if (size_ == nodes_.size()) [[unlikely]] {
-      QX_DIE_IN(T::kModule, "Push", "a path in the tree has more than %zu nodes: the tree is damaged", nodes_.size());
-    }
+    if (size_ == room_) [[unlikely]]
+      Grow();
     nodes_[size_++] = x;
   }
   Index Pop() { return nodes_[--size_]; }
@@ -110,14 +128,30 @@ class Path {
   void ReplaceTop(Index x) { nodes_[size_ - 1] = x; }
   void InsertBelow(size_t depth, Index x) {
     Push(kSentinel);
-    std::copy_backward(nodes_.begin() + size_ - 2 - depth, nodes_.begin() + size_ - 1, nodes_.begin() + size_);
+    std::copy_backward(nodes_ + size_ - 2 - depth, nodes_ + size_ - 1, nodes_ + size_);
     nodes_[size_ - 2 - depth] = x;
   }
   size_t Size() const { return size_; }
   bool Empty() const { return size_ == 0; }
 
  private:
-  std::array<Index, T::kMaxHeight + 3> nodes_;
+  static constexpr size_t kAtHand = T::kMaxHeight + 3;
+
+  [[gnu::noinline, gnu::cold]] void Grow() {
+    if (size_ > dict_->d_capacity) {
+      QX_DIE_IN(T::kModule, "Push", "a path in the tree has more than %u nodes: the tree is damaged",
+                dict_->d_capacity);
+    }
+    Index* const block = nodes_ != at_hand_ ? nodes_ : nullptr;
+    nodes_ = static_cast<Index*>(Allocate_(2 * room_ * sizeof(Index), block, T::kModule, __LINE__));
+    if (block == nullptr) std::copy_n(at_hand_, size_, nodes_);
+    room_ *= 2;
+  }
+
+  const typename T::Dict* dict_;
+  Index at_hand_[kAtHand];
+  Index* nodes_ = at_hand_;
+  size_t room_ = kAtHand;
   size_t size_ = 0;
 };
 
@@ -230,7 +264,7 @@ typename T::Value Find(typename T::Dict* dict, typename T::Key v, typename T::Va
 // anew after every call.
 template <typename T, Side first, typename Fun>
 Boolean Walk(typename T::Dict* dict, Fun fun, void* arg) {
-  Path<T> path;
+  Path<T> path(dict);
   Index x = Root(dict);
   for (;;) {
     for (; x != 0; x = Child<first>(dict->d_nodes[x])) path.Push(x);

@@ -71,14 +71,6 @@ void SetBlack(RBDict* dict, Index x) { dict->d_nodes[x].n_left &= ~kFlag; }
 Index Left(const RBDict* dict, Index x) { return Child<Side::kLeft>(dict->d_nodes[x]); }
 Index Right(const RBDict* dict, Index x) { return Child<Side::kRight>(dict->d_nodes[x]); }
 
-void SetTowards(RBDict* dict, RBDictKey v, Index x, Index child) {
-  if (v < dict->d_nodes[x].n_key) {
-    SetChild<Side::kLeft>(dict->d_nodes[x], child);
-  } else {
-    SetChild<Side::kRight>(dict->d_nodes[x], child);
-  }
-}
-
 // Rotates below y, on the way towards v: y's child c goes down, its child gc takes its place. Gives gc.
 Index TreeRotate(RBDict* dict, RBDictKey v, Index y) {
   RBDictNode* nodes = dict->d_nodes;
@@ -91,7 +83,7 @@ Index TreeRotate(RBDict* dict, RBDictKey v, Index y) {
     SetChild<Side::kRight>(nodes[c], Child<Side::kLeft>(nodes[gc]));
     SetChild<Side::kLeft>(nodes[gc], c);
   }
-  SetTowards(dict, v, y, gc);
+  tree::SetToward(nodes[y], v, gc);
   return gc;
 }
 
@@ -127,7 +119,7 @@ RBDictValue TreeInsert(RBDict* dict, RBDictKey v, RBDictValue d, RBDictValue n) 
     x = c;
   }
   const Index added = tree::NodeNew<RBTraits>(dict, v, d);
-  SetTowards(dict, v, x, added);
+  tree::SetToward(dict->d_nodes[x], v, added);
   TreeSplit(dict, v, g, p, x, added);
   return n;
 }
@@ -209,7 +201,7 @@ void TreeRemoveCorrect(RBDict* dict, Path* path) {
 }
 
 RBDictValue TreeRemove(RBDict* dict, RBDictKey v, RBDictValue n) {
-  Path path;
+  Path path(dict);
   path.Push(kHeader);
   const Index z = tree::Search<RBTraits>(dict, v, [&path](Index passed) { path.Push(passed); });
   if (z == kSentinel) return n;
