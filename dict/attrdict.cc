@@ -82,7 +82,7 @@ qx::Stream OpenForWriting(const char* dir, const char* name, const char* suffix)
   Path path;
   const bool fits =
       dir != nullptr ? Format(&path, "%s/%s.%s", dir, name, suffix) : Format(&path, "%s.%s", name, suffix);
-  return fits ? qx::OpenStream(path.data(), "we") : nullptr;
+  return fits ? qx::OpenStream(path.data(), "w") : nullptr;
 }
 
 void NoteWriteError(AttrDict* adict) {

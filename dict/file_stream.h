@@ -4,12 +4,11 @@
 #ifndef DICT_FILE_STREAM_H
 #define DICT_FILE_STREAM_H
 
-#include <fcntl.h>
 #include <stdio.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <memory>
+
+#include "util/descriptor_internal.h"
 
 namespace qx {
 
@@ -20,19 +19,13 @@ struct StreamCloser {
 // A stream that is closed where its name ends, unless release() has taken it.
 using Stream = std::unique_ptr<FILE, StreamCloser>;
 
-constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 are the standard streams, open or not
-
-// Opens a file with a mode of fopen that includes "e". Null, with errno, on failure.
+// Opens a file to read it ("r"), or to write it anew ("w"). Null, with errno, on failure.
 inline Stream OpenStream(const char* path, const char* mode) {
-  Stream stream(fopen(path, mode));
-  if (!stream || fileno(stream.get()) >= kFirstFreeDescriptor) return stream;
-  const int moved = fcntl(fileno(stream.get()), F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
-  Stream result(moved >= 0 ? fdopen(moved, mode) : nullptr);
-  const int error = errno;
-  if (!result && moved >= 0) close(moved);
-  stream.reset();
-  errno = error;
-  return result;
+  const int fd = OpenDescriptor(path, *mode == 'w' ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY);
+  if (fd < 0) return nullptr;
+  Stream stream(fdopen(fd, mode));
+  if (!stream) CloseKeepingErrno(fd);
+  return stream;
 }
 
 }  // namespace qx

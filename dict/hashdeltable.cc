@@ -113,7 +113,7 @@ struct Place {
 
 constexpr UInt kNoSlot = 0xFFFFFFFF;
 
-Place Search(const HashDelTable& table, UInt hash, const UByte* bytes, UInt len, void* ptr) {
+Place Search(const HashDelTable& table, UInt hash, const heap::KeyGiven<HashDelTable>& key, UInt len, void* ptr) {
   const UInt slots = table.t_nentries;
   if (slots < kFewestSlots) [[unlikely]]
     return {kNoSlot, heap::kEmptySlot};
@@ -121,7 +121,7 @@ Place Search(const HashDelTable& table, UInt hash, const UByte* bytes, UInt len,
   do {
     const UInt offset = table.t_entries[probe.slot()];
     if (offset == heap::kEmptySlot) return {probe.slot(), heap::kEmptySlot};
-    if (offset != kTombstone && heap::Matches(table, offset, bytes, len, ptr)) return {probe.slot(), offset};
+    if (offset != kTombstone && heap::Matches(table, offset, key.bytes(), len, ptr)) return {probe.slot(), offset};
     if (table.t_nentries != slots) [[unlikely]]  // the equality callback has changed the table
       break;
   } while (probe.Next());
@@ -347,11 +347,12 @@ HashDelTable* HashDelTableCopy(const HashDelTable* table) {
 }
 
 UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
+  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
   const UInt hash = heap::Hash(*table, bytes, len, ptr);
   QX_ASSERT(!table->t_selected);
   QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
 
-  const Place place = Search(*table, hash, bytes, len, ptr);
+  const Place place = Search(*table, hash, key, len, ptr);
   if (place.offset != heap::kEmptySlot) {
     if (offset != nullptr) *offset = place.offset;
     return table->t_data + place.offset;
@@ -360,12 +361,12 @@ UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boole
   // Tombstones count twice: the table is to be cleaned up before its probes grow long with them.
   if (size_t{2} * table->t_deleted + table->t_nkeys >= table->t_nkeys_max) return nullptr;
 
-  const UInt slots = table->t_nentries;
   size_t entry;
-  if (!heap::Append<HashDelTableTraits>(table, bytes, len, ptr, &entry)) return nullptr;
+  if (!heap::Append<HashDelTableTraits>(table, key.bytes(), len, ptr, &entry)) return nullptr;
   UInt slot = place.slot;
-  if (table->t_nentries != slots || !Holds(*table, slot, heap::kEmptySlot)) [[unlikely]] {
-    slot = EmptySlotFrom(*table, StartSlot(*table, hash));  // the value callback has changed the table
+  if (table->t_value != nullptr) {
+    // The callback may have grown the table: the search is then made again, to the same slot if it has not.
+    slot = EmptySlotFrom(*table, StartSlot(*table, hash));
     if (slot == kNoSlot) return nullptr;
   }
   table->t_entries[slot] = static_cast<UInt>(entry);
@@ -375,9 +376,10 @@ UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boole
 }
 
 Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt len, void* ptr) {
+  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
   const UInt hash = heap::Hash(*table, bytes, len, ptr);
   QX_ASSERT(!table->t_selected);
-  const Place place = Search(*table, hash, bytes, len, ptr);
+  const Place place = Search(*table, hash, key, len, ptr);
   if (place.offset == heap::kEmptySlot || !Holds(*table, place.slot, place.offset)) return FALSE;
   table->t_deleted++;
   table->t_nkeys--;

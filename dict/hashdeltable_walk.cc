@@ -68,7 +68,7 @@ UInt HashDelTableSelect(HashDelTable* table, UInt count, HashSelectFunction sele
   if (table->t_deleted != 0) HashDelTableNormalize(table, ptr);
   const UInt slots = table->t_selected ? Chosen(*table) : table->t_nentries;
   table->t_selected = TRUE;
-  table->t_nkeys = heap::SelectInPlace(*table, table->t_entries, slots, count, select, ptr);
+  table->t_nkeys = heap::SelectInPlace(*table, slots, count, select, ptr);
   return table->t_nkeys;
 }
 

@@ -135,6 +135,7 @@ UInt HashBytes(const UByte* bytes, UInt len) { return heap::HashKey(bytes, len);
 
 HashTable* HashTableNew(UInt capacity, HashKeyFunction hash, HashValueFunction value, HashEqualFunction equal,
                         UInt val_len, UByte key_size, Boolean vm) {
+  // Three slots for two keys would wrap in the 32 bits that count them, and leave a table whose probes never end.
   if (capacity > heap::kMaximumCapacity) {
     QX_MESSAGE(qx::kFailure, FALSE, ":hashtable: capacity too large: capacity=%u", capacity);
     return nullptr;
@@ -171,6 +172,7 @@ void HashTableFree(HashTable* table) {
 }
 
 UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
+  const heap::KeyGiven<HashTable> key(*table, bytes);  // callbacks that insert may move it
   const UInt hash = heap::Hash(*table, bytes, len, ptr);
   QX_ASSERT(!table->t_selected);
   QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
@@ -181,17 +183,20 @@ UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean cre
   for (; left != 0; left--) {
     const UInt entry = table->t_entries[s];
     if (entry == heap::kEmptySlot) break;
-    if (heap::Matches(*table, entry, bytes, len, ptr)) {
+    if (heap::Matches(*table, entry, key.bytes(), len, ptr)) {
       if (offset != nullptr) *offset = entry;
       return table->t_data + entry;
     }
-    if (++s >= table->t_entries_size) s = 0;
+    if (table->t_entries_size != slots) [[unlikely]]  // the equality callback has grown the table
+      return nullptr;
+    if (++s == slots) s = 0;
   }
   if (left == 0 || !create || HashTableFull(table)) return nullptr;
 
   size_t place;
-  if (!heap::Append<HashTableTraits>(table, bytes, len, ptr, &place)) return nullptr;
-  if (table->t_entries_size != slots) s = EmptySlotFrom(*table, StartSlot(*table, hash));  // the value callback grew it
+  if (!heap::Append<HashTableTraits>(table, key.bytes(), len, ptr, &place)) return nullptr;
+  // The value callback may have grown the table: the search is then made again, to the same slot if it has not.
+  if (table->t_value != nullptr) s = EmptySlotFrom(*table, StartSlot(*table, hash));
   const UInt entry = static_cast<UInt>(place);
   if (!Occupy(table, s, entry)) return nullptr;
   table->t_entries_used++;

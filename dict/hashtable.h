@@ -17,8 +17,9 @@
  * Threads: none inside. Callers that share a table lock around every call.
  *
  * Callbacks get the caller's pointer of the call last, unchanged. They must not change the table that calls them
- * (`HashTableEnumerate`'s visitor may insert), and must return: no exception, no jump. A callback that does change the
- * table loses the insertion under way, never memory.
+ * (`HashTableEnumerate`'s visitor may insert), and must return: no exception, no jump. One that inserts or grows all
+ * the same loses the operation under way, never memory, and its own entry pointers are stale after it as after any
+ * insertion; one that clears or frees the table takes the ground away from under it.
  *
  * Damaged files: a table read from a file whose bytes are wrong may give wrong answers, null, or a walk that ends
  * early, or fail one of the assertions told here, but no operation leaves the table's memory and none runs for ever.

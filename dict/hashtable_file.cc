@@ -115,7 +115,8 @@ Outcome ReadBlock(FILE* f, const HashTable* table, size_t size, size_t count, bo
   return Outcome::kRead;
 }
 
-// Everything but the callbacks and the kind of memory. On failure the table has no blocks.
+// Everything but the callbacks and the kind of memory. On failure the table has no blocks: a short file costs a reader
+// nothing, however often it is tried.
 Outcome ReadTable(FILE* f, HashTable* table) {
   if (!ReadHeader(f, table)) return Outcome::kShort;
   const Rest rest = RestOf(f, *table);
@@ -152,7 +153,7 @@ bool AlignedSlots(const HashTable& table) {
 }  // namespace
 
 Boolean HashTableWrite(const HashTable* table, const char* filename) {
-  qx::Stream f = qx::OpenStream(filename, "we");
+  qx::Stream f = qx::OpenStream(filename, "w");
   if (!f) {
     QX_RETHROW("error opening %s", filename);
     return FALSE;
@@ -177,7 +178,7 @@ Boolean HashTableWrite(const HashTable* table, const char* filename) {
 HashTable* HashTableRead(const char* filename, HashKeyFunction hash, HashValueFunction value, HashEqualFunction equal,
                          Boolean vm) {
   auto* table = static_cast<HashTable*>(Allocate_(sizeof(HashTable), nullptr, kModule, __LINE__));
-  qx::Stream f = qx::OpenStream(filename, "re");
+  qx::Stream f = qx::OpenStream(filename, "r");
   if (!f) {
     QX_RETHROW("error opening %s", filename);
     UnAllocate_(table, kModule, __LINE__);

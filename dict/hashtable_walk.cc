@@ -59,12 +59,12 @@ UInt HashTableSelect(HashTable* table, UInt count, HashSelectFunction select, vo
   const UInt slots = table->t_selected ? std::min(table->t_entries_used, table->t_entries_size) : table->t_entries_size;
   if (array == nullptr) {
     table->t_selected = TRUE;
-    table->t_entries_used = heap::SelectInPlace(*table, table->t_entries, slots, count, select, ptr);
+    table->t_entries_used = heap::SelectInPlace(*table, slots, count, select, ptr);
     return table->t_entries_used;
   }
   array->t.length = 0;
   heap::Select(
-      *table, table->t_entries, slots, select, ptr, [] { return true; },
+      *table, slots, select, ptr, [] { return true; },
       [&](UInt offset) {
         if (array->t.length == array->t.capacity) ArrayGrow_(&array->a, sizeof(UInt), kModule, __LINE__);
         array->t.elts[array->t.length++] = offset;

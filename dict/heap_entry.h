@@ -269,13 +269,14 @@ UInt Enumerate(const Table& table, size_t offset, HashEnumerateFunction fun, voi
 
 // Chooses among the entries of the first `count` slots, in slot order, and empties these slots. Each entry is offered
 // to `select` (null: every one is kept) as long as `keep` may still take one; `keep(offset)` takes it. Offsets that
-// name no value inside the heap, tombstones among them, are dropped.
+// name no value inside the heap, tombstones among them, are dropped. Slots and heap are looked up anew for each: what
+// `select` inserts or grows moves them, and never leaves fewer.
 template <typename Table, typename Wants, typename Keep>
-void Select(const Table& table, UInt* slots, UInt count, HashSelectFunction select, void* ptr, Wants wants, Keep keep) {
+void Select(const Table& table, UInt count, HashSelectFunction select, void* ptr, Wants wants, Keep keep) {
   for (UInt s = 0; s < count; s++) {
-    const UInt offset = slots[s];
+    const UInt offset = table.t_entries[s];
     if (offset == kEmptySlot) continue;
-    slots[s] = kEmptySlot;
+    table.t_entries[s] = kEmptySlot;
     if (!wants() || !HoldsValue(table, offset)) continue;
     if (select == nullptr || select(table.t_data + offset, ptr) != FALSE) keep(offset);
   }
@@ -284,17 +285,17 @@ void Select(const Table& table, UInt* slots, UInt count, HashSelectFunction sele
 // Chooses in place: the kept offsets, at most `limit` (0: no limit), move to the first slots. Returns how many they
 // are.
 template <typename Table>
-UInt SelectInPlace(const Table& table, UInt* slots, UInt count, UInt limit, HashSelectFunction select, void* ptr) {
+UInt SelectInPlace(const Table& table, UInt count, UInt limit, HashSelectFunction select, void* ptr) {
   UInt kept = 0;
   if (limit == 0) limit = count;
   Select(
-      table, slots, count, select, ptr, [&] { return kept < limit; }, [&](UInt offset) { slots[kept++] = offset; });
+      table, count, select, ptr, [&] { return kept < limit; }, [&](UInt offset) { table.t_entries[kept++] = offset; });
   return kept;
 }
 
 struct HashSortData {
   HashCompareFunction d_cmp;
-  UByte* d_data;
+  UByte* const* d_data;  // where the table keeps its heap: a comparison that inserts moves it
   void* d_ptr;
 };
 
@@ -302,7 +303,8 @@ inline int Cmp(const void* entry1, const void* entry2, void* arg) {
   const auto* data = static_cast<const HashSortData*>(arg);
   const UInt offset1 = *static_cast<const UInt*>(entry1);
   const UInt offset2 = *static_cast<const UInt*>(entry2);
-  return data->d_cmp(data->d_data + offset1, data->d_data + offset2, data->d_ptr);
+  const UByte* heap = *data->d_data;
+  return data->d_cmp(heap + offset1, heap + offset2, data->d_ptr);
 }
 
 // Moves the offsets that name a value inside the heap to the front, order kept, the others behind them. Returns how
@@ -323,7 +325,7 @@ UInt HeldFirst(const Table& table, UInt* offsets, UInt count) {
 // Sorts a list of offsets. What names no value inside the heap goes to the end, unseen by the comparison.
 template <typename Table>
 void Sort(const Table& table, UInt* offsets, UInt count, HashCompareFunction cmp, void* ptr) {
-  HashSortData data = {cmp, table.t_data, ptr};
+  HashSortData data = {cmp, &table.t_data, ptr};
   QSort(offsets, HeldFirst(table, offsets, count), sizeof(UInt), Cmp, &data);
 }
 

@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qxlib/descriptor_internal.h"
+#include "util/descriptor_internal.h"
 #include "qxlib/memory.h"
 
 namespace {
@@ -154,13 +154,13 @@ int OpenDirectoryOf(const char* path) {
   if (resolved == nullptr) return -1;
   char* slash = strrchr(resolved, '/');
   slash[slash == resolved ? 1 : 0] = '\0';
-  const int directory = qxlib::OpenDescriptor(resolved, O_RDONLY | O_DIRECTORY);
+  const int directory = qx::OpenDescriptor(resolved, O_RDONLY | O_DIRECTORY);
   free(resolved);
   return directory;
 }
 
 void CloseDirectory(Channel* f) {
-  if (f->directory >= 0) qxlib::CloseKeepingErrno(f->directory);
+  if (f->directory >= 0) qx::CloseKeepingErrno(f->directory);
   f->directory = -1;
 }
 
@@ -230,10 +230,10 @@ bool ModeParse(const char* text, Mode* mode) {
 // Opens the file, creating it where the mode asks for that, and tells whether it was created.
 int OpenFile(const char* path, const Mode& mode, bool* created) {
   *created = false;
-  const int fd = qxlib::OpenDescriptor(path, mode.flags);
+  const int fd = qx::OpenDescriptor(path, mode.flags);
   if (fd >= 0 || errno != ENOENT || !mode.creates) return fd;
   *created = true;  // or somebody else did just now: syncing the directory once more does no harm
-  return qxlib::OpenDescriptor(path, mode.flags | O_CREAT);
+  return qx::OpenDescriptor(path, mode.flags | O_CREAT);
 }
 
 bool PrepareDescriptor(const Channel* f, int fd) {
@@ -274,7 +274,7 @@ Boolean ChannelOpenFile(Channel* f, const char* path, const char* mode) {
   const int fd = OpenFile(path, parsed, &created);
   if (fd < 0) return FALSE;
   if (!PrepareDescriptor(f, fd)) {
-    qxlib::CloseKeepingErrno(fd);
+    qx::CloseKeepingErrno(fd);
     return FALSE;
   }
   f->fd = fd;

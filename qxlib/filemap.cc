@@ -9,7 +9,7 @@
 #include <climits>
 #include <cstring>
 
-#include "qxlib/descriptor_internal.h"
+#include "util/descriptor_internal.h"
 
 namespace {
 
@@ -70,10 +70,10 @@ void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empt
   char path[PATH_MAX];
   if (!PathJoin(path, dir, name)) return nullptr;
   // Without O_NONBLOCK the opening of a FIFO would wait for a writer.
-  const int fd = qxlib::OpenDescriptor(path, O_RDONLY | O_NONBLOCK);
+  const int fd = qx::OpenDescriptor(path, O_RDONLY | O_NONBLOCK);
   if (fd < 0) return nullptr;
   void* base = MapDescriptor(fd, size, empty);
-  qxlib::CloseKeepingErrno(fd);
+  qx::CloseKeepingErrno(fd);
   return base;
 }
 

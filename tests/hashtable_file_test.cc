@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -961,6 +962,33 @@ TEST(HashTableFileDeathTest, NeverLandsOnAStandardDescriptor) {
       },
       ::testing::ExitedWithCode(0), "");
   EXPECT_EQ(ReadFile(directory.file("t")).size(), 100u);
+}
+
+TEST(HashTableFileDeathTest, NothingThatAnotherThreadPrintsGoesIntoTheFile) {
+  const TemporaryDirectory directory;
+  const HashTablePtr table = New(5);
+  ASSERT_NE(Insert(table.get(), "key"), nullptr);
+  ASSERT_TRUE(Write(table, directory.file("t")));
+  const std::string expected = ReadFile(directory.file("t"));
+  EXPECT_EXIT(
+      {
+        for (const int descriptor : {0, 1, 2}) close(descriptor);
+        std::atomic<bool> stop = false;
+        std::thread printer([&] {
+          while (!stop) {
+            for (const int descriptor : {0, 1, 2}) [[maybe_unused]] const ssize_t ignored = write(descriptor, "!", 1);
+          }
+        });
+        int wrong = 0;
+        for (int i = 0; i < 500; i++) {
+          unlink(directory.file("t").c_str());
+          if (!Write(table, directory.file("t")) || ReadFile(directory.file("t")) != expected) wrong = 1;
+        }
+        stop = true;
+        printer.join();
+        _exit(wrong);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(HashTableFile, DescriptorsAreReleased) {

@@ -579,14 +579,77 @@ TEST_P(HashTableFindTest, ValueCallbackMayGrowTheTable) {
   for (const char* key : {"a", "b", "c", "d"}) EXPECT_NE(Find(table.get(), key, table.get()), nullptr);
 }
 
-TEST_P(HashTableFindTest, EqualityCallbackMayGrowTheTable) {
-  const auto equal = [](const UByte*, UInt, const UByte*, UInt, void* ptr) -> Boolean {
+TEST_P(HashTableFindTest, EqualityCallbackThatGrowsTheTableLosesTheOperation) {
+  static UInt most;
+  most = 20;
+  const auto equal = [](const UByte* stored, UInt, const UByte* bytes, UInt, void* ptr) -> Boolean {
     auto* table = static_cast<HashTable*>(ptr);
-    if (HashTableCapacity(table) < 100000) HashTableGrow(table, 3.0F, table);
-    return FALSE;
+    if (HashTableCapacity(table) < most) HashTableGrow(table, 4.0F, table);
+    return *stored == *bytes;
   };
   HashTablePtr table(HashTableNew(5, support::HashToLength, nullptr, equal, 8, 0, vm()));
-  for (int i = 0; i < 5; i++) ASSERT_NE(Insert(table.get(), "k", table.get()), nullptr);
+  ASSERT_NE(Insert(table.get(), "a", table.get()), nullptr);
+  EXPECT_EQ(Insert(table.get(), "b", table.get()), nullptr);
+  EXPECT_EQ(HashTableCapacity(table.get()), 20u);
+  EXPECT_EQ(HashTableSize(table.get()), 1u);
+  ASSERT_NE(Insert(table.get(), "b", table.get()), nullptr);
+  most = 80;
+  EXPECT_EQ(Find(table.get(), "b", table.get()), nullptr);
+  EXPECT_EQ(HashTableCapacity(table.get()), 80u);
+  EXPECT_NE(Find(table.get(), "b", table.get()), nullptr);
+}
+
+TEST_P(HashTableFindTest, ValueCallbackThatGrowsToTheSameSlotCountIsBorne) {
+  // A damaged file may name an entry twice: growing empties one of the slots, and the new key belongs there then.
+  const auto value = [](UByte*, const UByte*, UInt, void* ptr) -> Boolean {
+    if (ptr != nullptr) HashTableGrow(static_cast<HashTable*>(ptr), 1.01F, nullptr);
+    return TRUE;
+  };
+  HashTablePtr table(HashTableNew(5, support::HashToLength, value, nullptr, 8, 0, vm()));
+  ASSERT_NE(Insert(table.get(), "b"), nullptr);
+  ASSERT_EQ(table->t_entries[2], 0u);
+  table->t_entries[3] = 0;  // as a damaged file would have it: the entry in two slots
+  UInt offset = 0;
+  ASSERT_NE(HashTableFind(table.get(), support::Bytes("c"), 1, TRUE, &offset, table.get()), nullptr);
+  EXPECT_EQ(table->t_entries_size, 7u);
+  EXPECT_EQ(table->t_entries[2], 0u);
+  EXPECT_EQ(table->t_entries[3], offset);
+  EXPECT_NE(Find(table.get(), "c"), nullptr);
+}
+
+// Callbacks that insert a long key move the heap, and with it the key that is looked for, if that lies there.
+TEST_P(HashTableFindTest, KeyInTheTableIsFoundAgainAfterACallbackHasMovedIt) {
+  struct Mover {
+    HashTable* table;
+    int moves;
+    void Move() {
+      if (moves-- > 0) Insert(table, std::string(100000, 'x'), nullptr);
+    }
+  };
+  const HashKeyFunction hash = [](const UByte* bytes, UInt len, void* ptr) {
+    const UInt h = HashBytes(bytes, len);
+    if (ptr != nullptr) static_cast<Mover*>(ptr)->Move();
+    return h % 2;
+  };
+  const HashEqualFunction equal = [](const UByte* stored, UInt stored_len, const UByte* bytes, UInt len,
+                                     void* ptr) -> Boolean {
+    const bool same = std::string(stored, stored + stored_len) == std::string(bytes, bytes + len);
+    if (ptr != nullptr) static_cast<Mover*>(ptr)->Move();
+    return same;
+  };
+  for (const auto& [in_hash, in_equal] : {std::pair{true, false}, {false, true}}) {
+    HashTablePtr table(
+        HashTableNew(20, in_hash ? hash : support::HashToOne, nullptr, in_equal ? equal : nullptr, 8, 0, vm()));
+    ASSERT_NE(Insert(table.get(), "an outer key, and an inner one"), nullptr);
+    ASSERT_NE(Insert(table.get(), "another"), nullptr);
+    const UByte* key;
+    ASSERT_EQ(HashTableKey(table.get(), HashTableGetOffset(table.get(), 0), &key), 30u);
+    Mover mover{table.get(), 1};
+    UByte* entry = HashTableFind(table.get(), key + 18, 12, TRUE, nullptr, &mover);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(KeyText(table.get(), entry), "an inner one");
+    EXPECT_EQ(HashTableSize(table.get()), 4u);
+  }
 }
 
 // A heap that lies in 4 GiB of memory that is mostly never touched.

@@ -336,6 +336,29 @@ int ByKey(const UByte* a, const UByte* b, void* ptr) {
   return KeyText(table, a).compare(KeyText(table, b));
 }
 
+TEST(HashTableSelect, SelectCallbackMayGrowTheTableOrItsHeap) {
+  for (const Boolean vm : {FALSE, TRUE}) {
+    const HashTablePtr table = TenKeys(vm);
+    Array array;
+    const auto growing = [](UByte*, void* ptr) -> Boolean {
+      auto* grown = static_cast<HashTable*>(ptr);
+      if (HashTableCapacity(grown) < 1000) HashTableGrow(grown, 10.0F, nullptr);
+      return TRUE;
+    };
+    EXPECT_GE(HashTableSelect(table.get(), 0, growing, table.get(), &array.offsets), 1u);
+    for (const UInt offset : array.list()) EXPECT_LE(offset, 72u);
+
+    const HashTablePtr other = TenKeys(vm);
+    const auto inserting = [](UByte*, void* ptr) -> Boolean {
+      Insert(static_cast<HashTable*>(ptr), std::string(100000, 'x'));
+      return TRUE;
+    };
+    EXPECT_GE(HashTableSelect(other.get(), 0, inserting, other.get(), &array.offsets), 10u);
+    EXPECT_EQ(KeyText(other.get(), HashTableGetIndex(other.get(), 0, &array.offsets)), "f");
+    for (const UInt offset : array.list()) EXPECT_LT(offset, other->t_data_used);
+  }
+}
+
 TEST(HashTableSort, OrdersTheSelection) {
   HashTablePtr table = TenKeys();
   HashTableSelect(table.get(), 0, nullptr, nullptr, nullptr);
@@ -364,6 +387,26 @@ TEST(HashTableSort, ArrayOfASelectedTableIsSortedAndNotItsSlots) {
   HashTableSort(table.get(), ByKey, table.get(), &array.offsets);
   EXPECT_EQ(array.list(), (std::vector<UInt>{72, 8, 0}));
   EXPECT_EQ(Slots(table.get()), Chosen("fghijabcde"));
+}
+
+TEST(HashTableSort, ComparisonMayMoveTheHeap) {
+  struct Inserter {
+    HashTable* table;
+    UInt length;
+  };
+  const HashTablePtr table = TenKeys();
+  Array array;
+  for (UInt offset = 0; offset <= 72; offset += 8) array.Append(offset);
+  const auto insert = [](const UByte* a, const UByte* b, void* ptr) {
+    auto* inserter = static_cast<Inserter*>(ptr);
+    const int order = a[1] - b[1];
+    Insert(inserter->table, std::string(inserter->length += 1000, 'x'));
+    return order;
+  };
+  HashTableGrow(table.get(), 10.0F, nullptr);
+  Inserter inserter{table.get(), 0};
+  HashTableSort(table.get(), insert, &inserter, &array.offsets);
+  EXPECT_EQ(array.list(), (std::vector<UInt>{72, 64, 56, 48, 40, 32, 24, 16, 8, 0}));
 }
 
 TEST(HashTableSort, EmptySelectionsAreSorted) {

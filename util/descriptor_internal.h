@@ -1,0 +1,67 @@
+// Opening files the way every part of the library does: close-on-exec, and never on one of the descriptors 0 to 2.
+//
+// A process whose standard streams are closed is given their numbers by the next open, and what any thread prints there
+// goes into the file. Moving the descriptor afterwards would leave a moment for that. So the free ones among the three
+// are taken first, by placeholders on which reading and writing fail as on a closed descriptor.
+
+#ifndef UTIL_DESCRIPTOR_INTERNAL_H
+#define UTIL_DESCRIPTOR_INTERNAL_H
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qx {
+
+constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 are the standard streams, whether they are open or not
+
+// Closes a descriptor and keeps errno.
+inline void CloseKeepingErrno(int fd) {
+  const int error = errno;
+  close(fd);
+  errno = error;
+}
+
+// Keeps those of the descriptors 0 to 2 that are closed from being given out, as long as it lives.
+class StandardPlaces {
+ public:
+  StandardPlaces() {
+    const int error = errno;
+    for (int fd = 0; fd < kFirstFreeDescriptor; fd++) {
+      if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+      const int place = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+      if (place >= kFirstFreeDescriptor) close(place);  // another thread was faster
+      if (place >= 0 && place < kFirstFreeDescriptor) held_[count_++] = place;
+    }
+    errno = error;
+  }
+  ~StandardPlaces() {
+    while (count_ > 0) CloseKeepingErrno(held_[--count_]);
+  }
+  StandardPlaces(const StandardPlaces&) = delete;
+  StandardPlaces& operator=(const StandardPlaces&) = delete;
+
+ private:
+  int held_[kFirstFreeDescriptor];
+  int count_ = 0;
+};
+
+// Opens a file. -1, with errno, on failure. A standard stream that another thread closes during the call can still be
+// given to it; such a descriptor is moved.
+inline int OpenDescriptor(const char* path, int flags) {
+  constexpr mode_t kCreationMode = 0666;  // less the umask
+  const StandardPlaces places;
+  int fd = -1;
+  do {
+    fd = open(path, flags | O_CLOEXEC | O_NOCTTY, kCreationMode);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0 || fd >= kFirstFreeDescriptor) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+  CloseKeepingErrno(fd);
+  return moved;
+}
+
+}  // namespace qx
+
+#endif
