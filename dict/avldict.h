@@ -91,7 +91,7 @@ QX_API AVLDictValue QXAVLDictFind(AVLDict* dict, AVLDictKey v, AVLDictValue n);
  *
  * @param v             the key to start from
  * @param roundingMode  negative: the greatest key below `v`; positive: the least key above it; 0: the nearer of the
- * two, the greater of two equally near
+ *                      two, the greater of two equally near
  * @param valPtr        receives a pointer to the answered key's value inside the node array; may be null
  * @return `v` itself when it is stored, else the neighbour; 0 when that neighbour is missing, and `*valPtr` then points
  *         into the header, at a value that nobody stored and nobody should use

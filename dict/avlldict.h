@@ -91,7 +91,7 @@ QX_API AVLLDictValue QXAVLLDictFind(AVLLDict* dict, AVLLDictKey v, AVLLDictValue
  *
  * @param v             the key to start from
  * @param roundingMode  negative: the greatest key below `v`; positive: the least key above it; 0: the nearer of the
- * two, the greater of two equally near
+ *                      two, the greater of two equally near
  * @return `v` itself when it is stored, else the neighbour, else 0
  *
  * Key 0 doubles as the answer for "no neighbour". In mode 0 a stored key 0 is therefore never chosen as the lower

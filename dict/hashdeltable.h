@@ -83,13 +83,13 @@ typedef struct HashDelTableIterator {
  *
  * @param table     the record; its old contents are not looked at, and not released
  * @param capacity  keys that the table accepts before it must be grown; at least 5 are taken. Above 1431655765, for
- * which no slot count is known, the process ends with a message
+ *                  which no slot count is known, the process ends with a message
  * @param hash      hash of a key, or null for `HashBytes`
  * @param value     fills new values, or null for zero bytes
  * @param equal     equality of keys, or null for equality of bytes
  * @param val_len   bytes of every value
  * @param key_size  bytes of the key length in the heap: 1 to 4, or 0 for 1 to 5 bytes as each key needs; a width above
- * 4 fails the assertion "size <= 4" when the first key is stored
+ *                  4 fails the assertion "size <= 4" when the first key is stored
  *
  * Release: a record from `Allocate_` with `HashDelTableFree`; of any other, `t_data` and `t_entries` with
  * `UnAllocate_`.
@@ -139,8 +139,8 @@ QX_API HashDelTable* HashDelTableCopy(const HashDelTable* table);
  * @param offset  receives the entry's heap offset, when not null and an entry is returned; good until the next clean-up
  * @param ptr     handed through to the table's callbacks
  * @return the entry (its `t_val_len` value bytes, owned by the table); null when the key is missing and not created,
- * and when it cannot be: 2 * t_deleted + t_nkeys has reached the capacity, the value callback refuses, or the heap
- *         would pass the 0xFFFFFFF8 bytes that offsets reach
+ *         and when it cannot be: 2 * t_deleted + t_nkeys has reached the capacity, the value callback refuses, or the
+ *         heap would pass the 0xFFFFFFF8 bytes that offsets reach
  *
  * Tombstones count twice so that a table with many removals is cleaned up before its probes grow long: a null result
  * does not mean `HashDelTableFull`. `HashDelTableGrow` makes room in either case. An insertion that returns null
@@ -243,7 +243,7 @@ QX_API void HashDelTableIteratorFinalize(HashDelTableIterator* it);
  *
  * @param table   an unselected table with tombstones is cleaned up first, as for `HashDelTableIteratorInit`
  * @param offset  where to start: 0, or the heap offset of an entry (not checked), as it is after the clean-up; at or
- * past the end nothing is visited
+ *                past the end nothing is visited
  * @param fun     the visitor; it may insert, and then visits the new entries too, and remove: what it removes ahead of
  *                itself is still visited. It must not clean up
  * @param ptr     handed to the visitor, and to the table's hash callback by the clean-up
@@ -279,7 +279,7 @@ QX_API UInt HashDelTableSelect(HashDelTable* table, UInt count, HashSelectFuncti
  *
  * @param i  0 to the number chosen - 1 (not checked against that number)
  * @return the entry; null where no entry of this heap can start: an empty slot, an index past the slots, a damaged
- * offset
+ *         offset
  */
 QX_API UByte* HashDelTableGetIndex(const HashDelTable* table, UInt i);
 

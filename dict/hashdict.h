@@ -88,7 +88,7 @@ typedef Id (*DictValFun)(void* dict, Id idx);
  * @param key       gives the keys
  * @param val       gives the values to store; null: each key's own number
  * @param nbits     width of a value in bits, 1 .. 32; without `val` it is ignored (but never above 32: asserted). A
- * value that does not fit ends the process with an assertion
+ *                  value that does not fit ends the process with an assertion
  * @param probe     bytes in a probe code, 0 (none) .. 8 (asserted); 0 when there is a `val` (asserted)
  * @param verbose   TRUE: report progress in messages of level 2
  * @return the dictionary, the caller's, to be released with `HashDictFree`; never null
@@ -117,8 +117,8 @@ QX_API void HashDictFree(HashDict* hdict);
  * @param name    file name without the suffix
  * @param suffix  null: "dic"
  * @return the dictionary, to be released with `HashDictClose`; null, without a message and with `errno` set, when the
- * file cannot be mapped, when its name has no room in a path (ENAMETOOLONG) and when it is empty or shorter than its
- *         header says (EINVAL)
+ *         file cannot be mapped, when its name has no room in a path (ENAMETOOLONG) and when it is empty or shorter
+ *         than its header says (EINVAL)
  *
  * A file that was mapped and then refused stays mapped. A file must not shrink while it is open: replace it by renaming
  * another one over it. Cost: a mapping; the file is read as look-ups touch it.
@@ -164,8 +164,8 @@ QX_API Boolean HashDictFileRead(HashDict** hdictPtr, Channel* f);
  * @param hdictPtr  receives the dictionary, to be released with `HashDictMMFree`; untouched on failure
  * @param base      start of the mapping, from which the multiples of 8 are counted; need not be aligned itself
  * @param from      in: where to look; out: behind the record. On failure: unchanged when fewer than 8 bytes are left;
- * at the first position without 8 bytes behind it when alignment runs past the end; behind the length when the image is
- * longer than what is left or is refused
+ *                  at the first position without 8 bytes behind it when alignment runs past the end; behind the length
+ *                  when the image is longer than what is left or is refused
  * @param end       one past the last usable byte
  * @return FALSE on failure. A refused image's handle is not released
  *
@@ -192,8 +192,8 @@ QX_API Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength,
  * @param bytes  the key; may be null when `len` is 0
  * @param len    its length in bytes
  * @return the key's number, or its value. `HASHDICT_NOT_FOUND` (0xFFFFFFFE) for a key that is longer than every key,
- * has a byte that no key has, or fails the probe code. Any other foreign key gives an arbitrary number: with probe
- * codes below `h_nentries` and rarely, without them always and perhaps not below it
+ *         has a byte that no key has, or fails the probe code. Any other foreign key gives an arbitrary number: with
+ *         probe codes below `h_nentries` and rarely, without them always and perhaps not below it
  *
  * Probe codes catch mistakes, not attacks: they are no keyed hash.
  * Cost: one step a key byte, then three independent memory accesses, and one more with probe codes. Allocates nothing.
@@ -216,7 +216,7 @@ QX_API size_t HashDictFileSize(const HashDict* hdict);
  * @param suffix  null: "dic"
  * @param swap    TRUE: in the opposite byte order, for another machine; nothing here reads that
  * @return FALSE, without a message and with `errno` set, when opening, writing, forcing or closing fails. A name
- * without room in a path is ENAMETOOLONG and touches nothing
+ *         without room in a path is ENAMETOOLONG and touches nothing
  *
  * The file is truncated first and written in place, and whatever goes by its name is REMOVED when opening, writing or
  * forcing fails, an older file that could not be opened included. To keep the older file until the new one is whole,
@@ -243,8 +243,8 @@ QX_API Boolean HashDictFileWrite_(const HashDict* hdict, Channel* f, Boolean swa
  * image.
  *
  * @param writtenSize  in: bytes written so far, counted from the byte that will be the mapping's base; out: the same
- * behind the record. On failure it tells how far the record's start came: the 8 bytes of the length are added before
- * they are written, the image's bytes only when all are
+ *                     behind the record. On failure it tells how far the record's start came: the 8 bytes of the length
+ *                     are added before they are written, the image's bytes only when all are
  * @return FALSE at the first failed write; the channel is left as it is
  */
 QX_API Boolean HashDictMMWrite(const HashDict* hdict, Channel* f, size_t* writtenSize);

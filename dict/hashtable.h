@@ -106,7 +106,7 @@ QX_API UInt HashBytes(const UByte* bytes, UInt len);
  *                  4 fails the assertion "size <= 4" when the first key is stored
  * @param vm        TRUE: heap and slots are memory mappings of their own; FALSE: blocks of the allocator
  * @return the table, to be released with `HashTableFree`; null, after a message, when a mapping fails or the capacity
- * is above 1431655765, for which no slot count is known
+ *         is above 1431655765, for which no slot count is known
  *
  * Cost: 9 bytes of memory a slot, three slots for two keys.
  */
@@ -127,8 +127,9 @@ QX_API void HashTableFree(HashTable* table);
  * @param offset  receives the entry's heap offset, when not null and an entry is returned; good until `HashTableClear`
  * @param ptr     handed through to the table's callbacks
  * @return the entry (its `t_val_len` value bytes, owned by the table); null when the key is missing and not created,
- * and when it cannot be: the table is full (see `HashTableFull`), the value callback refuses, the heap cannot grow
- *         (reported when the mapping fails; silent where the heap would pass the 0xFFFFFFF8 bytes that offsets reach)
+ *         and when it cannot be: the table is full (see `HashTableFull`), the value callback refuses, the heap cannot
+ *         grow (reported when the mapping fails; silent where the heap would pass the 0xFFFFFFF8 bytes that offsets
+ *         reach)
  *
  * An insertion that returns null changes nothing, except that one refused by the value callback leaves up to 7 bytes of
  * padding counted in `t_data_used`.
@@ -207,7 +208,7 @@ QX_API void HashTableIteratorFinalize(HashTableIterator* it);
  * Visits entries in the order of their insertion, in either state of the table.
  *
  * @param offset  where to start: 0, or the heap offset of an entry (not checked); at or past the end nothing is
- * visited. To go on after a stop, pass the offset of the entry to go on with: its pointer minus
+ *                visited. To go on after a stop, pass the offset of the entry to go on with: its pointer minus
  *                `HashTableGetOffset(table, 0)`
  * @param fun     the visitor; it may insert, and then visits the new entries too
  * @return the first result of `fun` that is not 0, or 0
@@ -247,7 +248,7 @@ QX_API UInt HashTableSelect(HashTable* table, UInt count, HashSelectFunction sel
  * @param i        0 to the number chosen - 1 (not checked against that number)
  * @param entries  the array selected into; null: the table's own selection (asserted: "table->t_selected")
  * @return the entry; null where no entry of this heap can start: an empty slot, an index past the slots, a damaged
- * offset
+ *         offset
  */
 QX_API UByte* HashTableGetIndex(const HashTable* table, UInt i, UIntArray* entries);
 

@@ -13,12 +13,16 @@
  * What to know before choosing it:
  *
  * - It forgets. A value may go before it expires: when the collector judges it idle, when pages run out, when a key
- * with the same 64-bit fingerprint is stored. It never gives back a value that was not stored under the very key.
+ *   with the same 64-bit fingerprint is stored. It never gives back a value that was not stored under the very key.
  * - A store over a key hides the older value, but does not overwrite it: the older block stays where it is until the
- *   collector meets it. If it is then neither expired nor idle it is kept, and from then on a fetch may give the
- * *older* value again. Do not use a store to revoke or shorten what was stored: put a version into the key or into the
- * value.
+ *   collector meets it. If it is then neither expired nor idle it is kept, and from then on a fetch may give the older
+ *   value again. Do not use a store to revoke or shorten what was stored: put a version into the key or the value.
  * - A refused store (FALSE) changes nothing: an older value of the key can still be fetched.
+ * - A cache that a round of the collector could not relieve is looked at again after a second, or once a page is taken;
+ *   a full one refuses stores until then, even when values expire meanwhile.
+ * - Where not one page is free, the collector drops whole pages until the low threshold's share and 5 pages are free,
+ *   and one page more stays out of use until the cache is deleted. A cache that this happens to often shrinks: give it
+ *   more pages, a shorter generation time, or expiries.
  * - Time is wall-clock time. When the machine's clock is set forward values expire early, set back they live longer.
  * - Choose the generation time so that 100 generations are at most half of the time in which your stores fill the
  *   cache (see `QXCacheNewWithParams`), or give values an expiry within that time. Otherwise nothing is ever old enough
@@ -29,9 +33,10 @@
  *   drive one another out; he cannot make one give the other's value.
  * - After `fork` the child must not touch the cache: its collector lives in the parent alone. The collector blocks all
  *   signals.
- * - An operation never waits for longer than it takes to copy one page, or to enlarge the index: it starts with 100000
- *   nodes and doubles, which moves 24 bytes a node while other threads wait. Where memory for that cannot be had the
- *   process ends with a message. The index holds some 1600 million keys, the cache 4294967295 blocks.
+ * - An operation waits for no longer than it takes to copy one page, beside the other callers who copy values out of
+ *   that page (its mutex is not fair: many readers of one large value queue for it), or to enlarge the index: it starts
+ *   with 100000 nodes and doubles, which moves 24 bytes a node while other threads wait. Where memory for that cannot
+ *   be had the process ends with a message. The index holds 2147483646 keys, the cache 4294967295 blocks.
  *
  * A mutex that cannot be locked or unlocked means that memory is damaged, and ends the process: "pthread_mutex_lock
  * failed" with the system error text and a failed assertion, or "pthread_mutex_unlock failed" and exit status 1.
@@ -198,8 +203,8 @@ QX_API ULong QXCacheGetSize(Cache* cache, UInt* nbObjects, ULong* objSize);
  * @param expires  the time, in milliseconds of `GetCurrentTimeMilliseconds`, from which on no fetch returns it; a time
  *                 that has come gives a value that is never returned, all ones one that never expires
  * @return TRUE when it was stored. FALSE, at once and with nothing changed, when fewer than 6 pages or not more than
- * the safety threshold's share are free; when key and value can never fit into a page (header sizes 88 and 56, a zero
- * byte behind the key); when ten pages in a row had no room for it (they are then on the full list).
+ *         the safety threshold's share are free; when key and value can never fit into a page (header sizes 88 and 56,
+ *         a zero byte behind the key); when ten pages in a row had no room for it (they are then on the full list).
  *
  * Cost: one fingerprint, one insertion into the index, the copy. Waking an idle collector, which every store does,
  * costs microseconds.
@@ -227,9 +232,9 @@ QX_API Boolean QXCacheGetStatic(Cache* cache, const UByte* key, void* buffer, UI
  *
  * @param key     zero-terminated text; null is never found
  * @param buffer  the array (asserted not null), the caller's; grows to `length` plus the value when its capacity is
- * short, and then its elements may move. Free it with `ArrayFree_`.
+ *                short, and then its elements may move. Free it with `ArrayFree_`.
  * @return TRUE when the value was appended, an empty one included; FALSE, and the array as it was, when the key is
- * absent or its value has expired, and when the array would pass 2147483647 bytes
+ *         absent or its value has expired, and when the array would pass 2147483647 bytes
  *
  * Cost: as `QXCacheGetStatic`.
  */

@@ -8,8 +8,8 @@
 // rest is dropped, index entry included. Three oddities are deliberate, and callers are told of them in qxcache.h:
 //
 // - Whether a newer store has hidden a block plays no part: a kept one becomes what the index names, a dropped one
-// takes
-//   its key out of the index even when the entry names a newer block, which then lies unreachable until it is dropped.
+//   takes its key out of the index even when the entry names a newer block, which then lies unreachable until it is
+//   dropped.
 // - The histogram's reference time stays the cache's creation. Every shift moves the counts by all the time since then,
 //   so after 100 generations each one empties the histogram, and the limit is then 100 generations back.
 // - When the emergency loop has freed enough, the page that it holds at that moment is on no list any more. Its blocks

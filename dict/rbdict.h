@@ -17,8 +17,7 @@
  * not even two readers may use one dictionary at once.
  *
  * Limits: nodes are counted in 31 bits. An insertion that would need more, or for which memory cannot be had, reports
- * it
- * ("memory reallocation failed: size=%u") and ends the process.
+ * it ("memory reallocation failed: size=%u") and ends the process.
  */
 #ifndef DICT_RBDICT_H
 #define DICT_RBDICT_H

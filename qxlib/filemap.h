@@ -17,7 +17,7 @@ QX_BEGIN_DECLS
  * @param size   receives the file's size in bytes (0 on failure)
  * @param empty  receives TRUE when the file is there and empty, else FALSE; may be null
  * @return the mapping, page-aligned; null, with `errno` set, when the file cannot be opened or mapped; null with
- * `*empty` TRUE when there is nothing to map
+ *         `*empty` TRUE when there is nothing to map
  */
 QX_API void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empty);
 
