@@ -18,8 +18,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "util/descriptor_internal.h"
 #include "qxlib/memory.h"
+#include "util/descriptor_internal.h"
 
 namespace {
 
