@@ -1,4 +1,4 @@
-// The life of a cache, its two page lists and its locks.
+// The life of a cache, its two page lists, and what it tells of itself.
 //
 //   free list   c_free_head -> [page] <-> [page] <-> ... <-> [page] <- c_free_tail     pages with room
 //   full list   c_full_head -> [page] <-> ...                       <- c_full_tail     pages that refused a block
@@ -10,6 +10,7 @@
 #include "dict/qxcache.h"
 
 #include "dict/qxcache_internal.h"
+#include "dict/remainder.h"
 #include "dict/report.h"
 
 #include <signal.h>
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <span>
 
 namespace qxcache {
@@ -184,12 +186,13 @@ Boolean MapRegions(Cache* cache, ULong size) {
   return TRUE;
 }
 
-// Fills c_spans: all regions by address, those that touch as one. Mappings of one size mostly come one beside the
+// Fills the spans: all regions by address, those that touch as one. Mappings of one size mostly come one beside the
 // other, so however many regions there are, finding the page of an address looks at one or two spans.
 void BuildSpans(Cache* cache) {
   const std::span<const Region> regions(cache->c_regions.t.elts, cache->c_regions.t.length);
-  for (const Region& region : regions) AppendRegion(&cache->c_spans, region);
-  std::span<Region> spans(cache->c_spans.t.elts, cache->c_spans.t.length);
+  RegionArray& array = cache->c_extra->spans;
+  for (const Region& region : regions) AppendRegion(&array, region);
+  std::span<Region> spans(array.t.elts, array.t.length);
   std::ranges::sort(spans, {}, RegionBase);
   UInt used = 0;
   for (const Region& region : spans) {
@@ -200,7 +203,7 @@ void BuildSpans(Cache* cache) {
       spans[used++] = region;
     }
   }
-  cache->c_spans.t.length = used;
+  array.t.length = used;
 }
 
 // Starts the collector with all signals blocked, and waits until it runs. False when it cannot be started.
@@ -216,17 +219,50 @@ Boolean StartCollector(Cache* cache) {
   return TRUE;
 }
 
+// A record of zeros whose cache lines are its own.
+CacheExtra* NewExtra() {
+  size_t size = sizeof(CacheExtra) + alignof(CacheExtra);
+  void* const memory = Allocate_(size, nullptr, kModule, __LINE__);
+  void* aligned = memory;
+  std::align(alignof(CacheExtra), sizeof(CacheExtra), aligned, size);
+  CacheExtra* const extra = static_cast<CacheExtra*>(std::memset(aligned, 0, sizeof(CacheExtra)));
+  extra->memory = memory;
+  ArrayInit_(&extra->spans.a);
+  return extra;
+}
+
+void FreeExtra(CacheExtra* extra) {
+  if (extra->front != nullptr) MemoryUnmap_(extra->front, FrontBytes(extra), kModule, __LINE__);
+  if (extra->spans.t.capacity != 0) ArrayFree_(&extra->spans.a, kModule, __LINE__);
+  UnAllocate_(extra->memory, kModule, __LINE__);
+}
+
+// The sum of what all threads have counted.
+ULong Sum(const Cache* cache, ULong Counters::*which) {
+  ULong sum = 0;
+  for (const Counters& counters : cache->c_extra->counters)
+    sum += __atomic_load_n(&(counters.*which), __ATOMIC_RELAXED);
+  return sum;
+}
+
 }  // namespace
 
 Page* GetFreePage(Cache* cache, Boolean head, Boolean lock, Boolean force) {
   Page* page;
+  bool wake = false;
   {
     const ListLock guard(cache, lock);
     if (!force && GCSafetyThreshold(cache)) return nullptr;
     page = Unlink(cache, kFreeList, head != FALSE);
+    if (cache->c_free_tail != nullptr) __builtin_prefetch(cache->c_free_tail, 1);  // what the next store takes
+    if (page != nullptr && GCWouldWork(cache)) {
+      wake = true;
+      cache->c_extra->sleep = Sleep::kNone;  // one signal is enough
+    }
   }
-  // After the lock is free again, where it is ours: the collector would wake only to wait for it.
-  if (page != nullptr) ConditionSignal(&cache->c_alloc_cond);
+  // After the lock is free again, where it is ours: the collector would wake only to wait for it. Waking it costs
+  // microseconds, so it is left asleep where it would find nothing to do.
+  if (wake) ConditionSignal(&cache->c_alloc_cond);
   return page;
 }
 
@@ -255,33 +291,8 @@ void PageReset(Page* page) {
 
 Cache* QXCacheNewWithParams(UInt regionSize, UInt pageSize, double safetyThreshold, double gcLowThreshold,
                             double gcHighThreshold, UInt generationTime, ULong size) {
-  using namespace qxcache;
-  if (!Usable(regionSize, pageSize, generationTime, size)) return nullptr;
-  void* const memory = Allocate_(sizeof(Cache), nullptr, kModule, __LINE__);
-  Cache* const cache = static_cast<Cache*>(std::memset(memory, 0, sizeof(Cache)));
-  cache->c_region_size = regionSize;
-  cache->c_page_size = pageSize;
-  cache->c_safety_threshold = safetyThreshold;
-  cache->c_gc_low_threshold = gcLowThreshold;
-  cache->c_gc_high_threshold = gcHighThreshold;
-  cache->c_generation_time = generationTime;
-  cache->c_histo_updated = GetCurrentTimeMilliseconds();
-
-  ArrayInit_(&cache->c_regions.a);
-  ArrayInit_(&cache->c_spans.a);
-  MutexInit(&cache->c_alloc_mutex);
-  MutexInit(&cache->c_histo_mutex);
-  ConditionInit(&cache->c_alloc_cond);
-  ConditionInit(&cache->c_start_cond);
-  cache->c_dict = QXAVLLDictNew(kDictCapacity);
-  MutexInit(&cache->c_dict_lock);
-
-  if (cache->c_dict != nullptr && MapRegions(cache, size)) {
-    BuildSpans(cache);
-    if (StartCollector(cache)) return cache;
-  }
-  QXCacheDelete(cache);
-  return nullptr;
+  return QXCacheNewWithPolicy(regionSize, pageSize, safetyThreshold, gcLowThreshold, gcHighThreshold, generationTime,
+                              size, 0);
 }
 
 Cache* QXCacheNew(ULong size) {
@@ -319,7 +330,7 @@ void QXCacheDelete(Cache* cache) {
   ConditionDestroy(&cache->c_alloc_cond);
   ConditionDestroy(&cache->c_start_cond);
 
-  if (cache->c_spans.t.capacity != 0) ArrayFree_(&cache->c_spans.a, kModule, __LINE__);
+  FreeExtra(cache->c_extra);
   if (cache->c_regions.t.capacity != 0) ArrayFree_(&cache->c_regions.a, kModule, __LINE__);
   UnAllocate_(cache, kModule, __LINE__);
 }
@@ -332,4 +343,62 @@ ULong QXCacheGetSize(Cache* cache, UInt* nbObjects, ULong* objSize) {
     if (objSize != nullptr) *objSize = cache->c_total_size;
   }
   return ULong{cache->c_regions.t.length} * cache->c_region_size * cache->c_page_size;
+}
+
+Cache* QXCacheNewWithPolicy(UInt regionSize, UInt pageSize, double safetyThreshold, double gcLowThreshold,
+                            double gcHighThreshold, UInt generationTime, ULong size, UInt policy) {
+  using namespace qxcache;
+  if (!Usable(regionSize, pageSize, generationTime, size) || (policy & ~kAllPolicies) != 0) return nullptr;
+  void* const memory = Allocate_(sizeof(Cache), nullptr, kModule, __LINE__);
+  Cache* const cache = static_cast<Cache*>(std::memset(memory, 0, sizeof(Cache)));
+  cache->c_region_size = regionSize;
+  cache->c_page_size = pageSize;
+  cache->c_safety_threshold = safetyThreshold;
+  cache->c_gc_low_threshold = gcLowThreshold;
+  cache->c_gc_high_threshold = gcHighThreshold;
+  cache->c_generation_time = generationTime;
+  cache->c_histo_updated = GetCurrentTimeMilliseconds();
+  cache->c_extra = NewExtra();
+  cache->c_extra->page_size = pageSize;
+  cache->c_extra->page_reciprocal = qx::Reciprocal(pageSize);
+  cache->c_extra->born = cache->c_histo_updated;
+  cache->c_extra->policy = policy;
+
+  ArrayInit_(&cache->c_regions.a);
+  MutexInit(&cache->c_alloc_mutex);
+  MutexInit(&cache->c_histo_mutex);
+  ConditionInit(&cache->c_alloc_cond);
+  ConditionInit(&cache->c_start_cond);
+  cache->c_dict = QXAVLLDictNew(kDictCapacity);
+  MutexInit(&cache->c_dict_lock);
+
+  if (cache->c_dict != nullptr && MapRegions(cache, size)) {
+    BuildSpans(cache);
+    FrontInit(cache);
+    if (StartCollector(cache)) return cache;
+  }
+  QXCacheDelete(cache);
+  return nullptr;
+}
+
+void QXCacheStats(Cache* cache, QXCacheStatistics* statistics) {
+  using namespace qxcache;
+  QX_ASSERT_TEXT(statistics != nullptr, "statistics != ((void *)0)");
+  const CollectorCounters& collector = cache->c_extra->collector;
+  const auto read = [](const ULong& count) { return __atomic_load_n(&count, __ATOMIC_RELAXED); };
+  *statistics = {};
+  statistics->s_hits = Sum(cache, &Counters::hits);
+  statistics->s_misses = Sum(cache, &Counters::misses);
+  statistics->s_expired = Sum(cache, &Counters::expired);
+  statistics->s_stores = Sum(cache, &Counters::stores);
+  statistics->s_refused = Sum(cache, &Counters::refused);
+  statistics->s_removed = Sum(cache, &Counters::removed);
+  statistics->s_moved = read(collector.moved);
+  statistics->s_dropped = read(collector.dropped);
+  statistics->s_passes = read(collector.passes);
+  statistics->s_emergencies = read(collector.emergencies);
+  statistics->s_lost_pages = read(collector.lost_pages);
+  const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+  statistics->s_free_pages = cache->c_nb_free_pages;
+  statistics->s_full_pages = cache->c_nb_full_pages;
 }

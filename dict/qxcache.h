@@ -51,6 +51,7 @@ QX_BEGIN_DECLS
 
 typedef struct Page Page;
 typedef struct CacheBlock CacheBlock;
+typedef struct CacheExtra CacheExtra; /**< the library's own */
 
 /** A mapped region. */
 typedef struct {
@@ -127,8 +128,7 @@ typedef struct Cache {
   UInt c_generation_time;                 /**< width of a bucket, milliseconds */
   ULong c_total_size;                     /**< sum of the counted objects' b_size */
   UInt c_nb_objects;                      /**< objects in pages: also those that a newer store of their key hides */
-  RegionArray c_spans;                    /**< the library's: the regions in address order, neighbours merged */
-  ULong c_dict_changes;                   /**< the library's: how often an entry of c_dict was replaced or removed */
+  CacheExtra* c_extra;                    /**< the library's own */
 } Cache;
 
 /**
@@ -239,6 +239,105 @@ QX_API Boolean QXCacheGetStatic(Cache* cache, const UByte* key, void* buffer, UI
  * Cost: as `QXCacheGetStatic`.
  */
 QX_API Boolean QXCacheGetDynamic(Cache* cache, const UByte* key, UByteArray* buffer);
+
+/* Additions since 1.0. */
+
+/**
+ * What a cache does otherwise than described above, for `QXCacheNewWithPolicy`. Flags, to be combined.
+ */
+enum {
+  /** A store over a key hides the older value for good: the collector drops a block that the index does not name, and
+   *  does not touch the index for it. Without it an older value may come back. */
+  QX_CACHE_NEWEST_WINS = 1,
+
+  /** The page that the collector has taken to see whether enough is free goes back on the full list. Without it each
+   *  emergency, in which not one page was left to copy into, takes a page out of use for good. */
+  QX_CACHE_KEEP_PAGES = 2,
+
+  /** The ages of objects are counted back from the present: the reference time of the histogram moves on with it.
+   *  `c_histo_updated` is then the end of the present generation. A collection drops the buckets of the objects that
+   *  were not used for longest, however long that is, until they are `gcHighThreshold` percent of all: it always finds
+   *  something to drop, and the cache serves values without expiry. Without it, see `QXCacheNewWithParams`. */
+  QX_CACHE_TRUE_AGE = 4
+};
+
+/**
+ * As `QXCacheNewWithParams`, which is this function with policy 0.
+ *
+ * @param policy  flags `QX_CACHE_...`; others give null
+ *
+ * Choosing `generationTime` under `QX_CACHE_TRUE_AGE`: a tenth to a hundredth of the time in which stores fill the
+ * cache once. A longer one than that time makes the cache a queue, which drops what was stored first; a very short one
+ * makes everything idle for a hundred generations look equally old.
+ */
+QX_API Cache* QXCacheNewWithPolicy(UInt regionSize, UInt pageSize, double safetyThreshold, double gcLowThreshold,
+                                   double gcHighThreshold, UInt generationTime, ULong size, UInt policy);
+
+/**
+ * Sees a value where it lies, while its page is locked.
+ *
+ * @param value  the bytes; at no particular alignment, not null even when `size` is 0, good until the function returns
+ * @param size   how many
+ * @param arg    what the caller gave
+ * @return handed back by `QXCacheRead`; non-zero also says that the value was of use
+ *
+ * Must be quick and must not call the cache: stores and fetches that need the same page, and the collector, wait.
+ */
+typedef Boolean (*QXCacheReadFunction)(const UByte* value, UInt size, void* arg);
+
+/**
+ * Shows a value to a function, without copying it.
+ *
+ * @param key  zero-terminated text; null is never found
+ * @param fun  called once when there is a value, else not at all (asserted not null)
+ * @param arg  handed through
+ * @return what `fun` returned; FALSE when the key is absent or its value has expired. The value counts as used whatever
+ *         `fun` returns.
+ *
+ * Cost: as `QXCacheGetStatic`, less the copy.
+ */
+QX_API Boolean QXCacheRead(Cache* cache, const UByte* key, QXCacheReadFunction fun, void* arg);
+
+/**
+ * Removes a key: no later fetch sees a value that was stored under it before.
+ *
+ * @param key  zero-terminated text; null is never found
+ * @return TRUE when there was a value, FALSE when the key was absent or its value had expired
+ *
+ * The first removal puts the whole cache under `QX_CACHE_NEWEST_WINS` for good: older values of the key, which earlier
+ * stores over it have hidden, may still lie in pages, and must not come back. What they take counts in
+ * `QXCacheGetSize` until the collector has met them. A store of the key at the same time comes before the removal or
+ * after it.
+ *
+ * Cost: one fingerprint, two operations on the index.
+ */
+QX_API Boolean QXCacheRemove(Cache* cache, const UByte* key);
+
+/** What has happened in a cache since its creation, and its pages now. */
+typedef struct {
+  ULong s_hits;        /**< fetches that found a value, also one that did not fit or that the reader did not want */
+  ULong s_misses;      /**< fetches of an absent key */
+  ULong s_expired;     /**< fetches of a key whose value had expired */
+  ULong s_stores;      /**< values stored */
+  ULong s_refused;     /**< stores refused, of values too large for any page included */
+  ULong s_removed;     /**< values removed by `QXCacheRemove` */
+  ULong s_moved;       /**< blocks that the collector has copied */
+  ULong s_dropped;     /**< blocks that it has dropped: expired, idle, hidden, or in an emergency */
+  ULong s_passes;      /**< copies from one page to another, whole or until the other was full */
+  ULong s_emergencies; /**< times at which no page was left to copy into */
+  ULong s_lost_pages;  /**< pages that emergencies have taken out of use */
+  ULong s_free_pages;  /**< pages on the free list */
+  ULong s_full_pages;  /**< pages on the full list; those on neither are lost or being worked on */
+} QXCacheStatistics;
+
+/**
+ * Tells what has happened in a cache.
+ *
+ * @param statistics  receives it (asserted not null). What other threads are doing at the time may be counted or not.
+ *
+ * Calls with a null key are not counted. Counting takes no lock. Cost: a few dozen reads, and the lists' lock.
+ */
+QX_API void QXCacheStats(Cache* cache, QXCacheStatistics* statistics);
 
 QX_END_DECLS
 

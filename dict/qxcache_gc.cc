@@ -5,15 +5,15 @@
 //    ^ emptied: goes to the head of the free list                  ^ no room left: goes to the head of the full list
 //
 // A block is worth keeping when it has not expired and was used after a limit, which an age histogram suggests. The
-// rest is dropped, index entry included. Three oddities are deliberate, and callers are told of them in qxcache.h:
+// rest is dropped, index entry included. Two oddities are deliberate, callers are told of them in qxcache.h, and a
+// policy cures each:
 //
 // - Whether a newer store has hidden a block plays no part: a kept one becomes what the index names, a dropped one
 //   takes its key out of the index even when the entry names a newer block, which then lies unreachable until it is
-//   dropped.
-// - The histogram's reference time stays the cache's creation. Every shift moves the counts by all the time since then,
-//   so after 100 generations each one empties the histogram, and the limit is then 100 generations back.
+//   dropped. QX_CACHE_NEWEST_WINS drops a hidden block, and leaves the entry alone.
 // - When the emergency loop has freed enough, the page that it holds at that moment is on no list any more. Its blocks
 //   can be fetched as long as the index names them; the page itself comes back only with the cache's end.
+//   QX_CACHE_KEEP_PAGES puts it back.
 
 #include "dict/qxcache_internal.h"
 #include "dict/report.h"
@@ -34,22 +34,11 @@ double FreePercent(const Cache* cache) {
 // The block is not among the living any more. Caller holds p_mutex.
 void MarkDead(CacheBlock* block) { block->b_created = kDead; }
 
-// Takes an object out of the counts. Caller holds the p_mutex of its page.
-void Uncount(Cache* cache, const CacheBlock* block, const char* function) {
-  const int bucket = GetHistogramIndex(cache, block->b_accessed);
-  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  if (bucket >= 0 && cache->c_age_histogram[bucket] > 0) cache->c_age_histogram[bucket]--;
-  QX_ASSERT_IN(kModule, function, cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size,
-               "cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size");
-  cache->c_nb_objects -= 1;
-  cache->c_total_size -= block->b_size;
-}
-
 // Caller holds the p_mutex of its page.
 void Drop(Cache* cache, CacheBlock* block, const char* function) {
-  IndexRemove(cache, block->b_key);
-  MarkDead(block);
-  Uncount(cache, block, function);
+  IndexDrop(cache, block);
+  DiscardBlock(cache, block, function);
+  Bump(&cache->c_extra->collector.dropped);
 }
 
 // Appends a copy, which the index names from then on. Caller holds both pages' p_mutex and has seen that there is room.
@@ -61,23 +50,19 @@ void Move(Cache* cache, CacheBlock* block, Page* to, const char* function) {
   new_block->b_page = to;
   new_block->b_next = nullptr;
   QX_ASSERT_IN(kModule, function, new_block->b_created != kDead, "((new_block)->b_created != (ULong) -1)");
-  IndexInsert(cache, new_block->b_key, new_block);
+  IndexMove(cache, block, new_block);
   MarkDead(block);
+  Bump(&cache->c_extra->collector.moved);
 }
 
-// n * percent / 100, truncated, whatever the percentage is.
-ULong Share(UInt n, double percent) {
-  const double share = n * percent / 100.0;
-  if (!(share > 0.0)) return 0;  // a negative share is as good as none; so is no number
-  constexpr double kTooMuch = 18446744073709551616.0;
-  return share < kTooMuch ? static_cast<ULong>(share) : ULONG_MAX;
-}
-
-// Sleeps until a page is taken, for a second at most, or not at all when the cache is closing. Caller holds
-// c_alloc_mutex.
-void Rest(Cache* cache) {
+// Sleeps until a page is taken that is worth waking for, for a second at most, or not at all when the cache is closing.
+// Caller holds c_alloc_mutex.
+void Rest(Cache* cache, Sleep why) {
   CheckHeld(&cache->c_alloc_mutex);
-  if (!cache->c_closing) ConditionTimedWait(&cache->c_alloc_cond, &cache->c_alloc_mutex, kIdleMilliseconds);
+  if (cache->c_closing) return;
+  cache->c_extra->sleep = why;
+  ConditionTimedWait(&cache->c_alloc_cond, &cache->c_alloc_mutex, kIdleMilliseconds);
+  cache->c_extra->sleep = Sleep::kNone;
 }
 
 // Holds a full page's mutex and then that of the page it is copied into.
@@ -116,6 +101,8 @@ UInt FullPages(Cache* cache) {
 // No page is free, not even one to copy into: drops whole full pages until the free share passes the low threshold.
 // Returns how many.
 UInt Emergency(Cache* cache) {
+  CollectorCounters& counters = cache->c_extra->collector;
+  Bump(&counters.emergencies);
   for (UInt freed = 0;; freed++) {
     Page* page;
     {
@@ -123,8 +110,14 @@ UInt Emergency(Cache* cache) {
       if (cache->c_closing) return freed;
       page = GetFullPage(cache, FALSE, FALSE);
       if (page == nullptr) return freed;
-      // Enough is free: the page just taken stays on no list.
-      if (cache->c_nb_free_pages > kReservedPages && FreePercent(cache) > cache->c_gc_low_threshold) return freed;
+      if (cache->c_nb_free_pages > kReservedPages && FreePercent(cache) > cache->c_gc_low_threshold) {
+        if (HasPolicy(cache, QX_CACHE_KEEP_PAGES)) {
+          AddFullPage(cache, page, FALSE, FALSE);
+        } else {
+          Bump(&counters.lost_pages);  // enough is free: the page just taken stays on no list
+        }
+        return freed;
+      }
     }
     PageFreeBlocks(cache, page);
     AddFreePage(cache, page, TRUE, TRUE);
@@ -159,39 +152,31 @@ bool GCHighThreshold(const Cache* cache) {
   return cache->c_nb_free_pages > kReservedPages && FreePercent(cache) > cache->c_gc_high_threshold;
 }
 
-ULong GCGetMinTime(Cache* cache) {
-  ULong time = GetCurrentTimeMilliseconds();
-  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  UInt n = cache->c_nb_objects;
-  const ULong target = Share(n, cache->c_gc_high_threshold);
-  for (const UInt bucket : cache->c_age_histogram) {
-    if (n < bucket) break;
-    n -= bucket;
-    if (target > n) break;
-    time -= std::min<ULong>(time, cache->c_generation_time);  // a clock that has just begun has no time before 0
+bool GCWouldWork(const Cache* cache) {
+  CheckHeld(&cache->c_alloc_mutex);
+  switch (cache->c_extra->sleep) {
+    case Sleep::kIdle:
+      return GCLowThreshold(cache) && !GCHighThreshold(cache);
+    case Sleep::kFruitless:
+      return true;
+    case Sleep::kNone:
+      break;
   }
-  return time;
+  return false;
 }
 
-void ShiftHistogram(Cache* cache) {
-  const ULong now = GetCurrentTimeMilliseconds();
-  const ULong base = cache->c_histo_updated;
-  // A generation has passed when the next one's first millisecond has, so a whole number of them is not yet that many.
-  const ULong passed = now > base ? (now - base - 1) / cache->c_generation_time : 0;
-  if (passed == 0) return;
-  const size_t shift = std::min<size_t>(passed, QX_CACHE_BUCKETS);
-  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  UInt* const buckets = cache->c_age_histogram;
-  std::memmove(buckets + shift, buckets, (QX_CACHE_BUCKETS - shift) * sizeof *buckets);
-  std::fill_n(buckets, shift, 0);
+void DiscardBlock(Cache* cache, CacheBlock* block, const char* function) {
+  MarkDead(block);
+  CountOut(cache, block, function);
 }
 
 CopyOutcome PageCopyBlocks(Cache* cache, ULong limit, Page* page_full, Page* page_free) {
   const ULong now = GetCurrentTimeMilliseconds();
+  Bump(&cache->c_extra->collector.passes);
   const PagePair locks(page_full, page_free);
   for (CacheBlock* block = PageFirstBlock(page_full); block != nullptr; block = block->b_next) {
     if (block->b_created == kDead) continue;
-    if (block->b_accessed <= limit || now >= block->b_expires) {
+    if (block->b_accessed <= limit || now >= block->b_expires || IndexHides(cache, block)) {
       Drop(cache, block, __func__);
     } else if (sizeof(CacheBlock) + block->b_size <= PageRoom(page_free)) {
       Move(cache, block, page_free, __func__);
@@ -223,10 +208,10 @@ bool GCBeginTurn(Cache* cache, Collector* collector) {
   } else {
     rested = collector->fruitless;
   }
-  if (rested) Rest(cache);
+  if (rested) Rest(cache, collector->idle ? Sleep::kIdle : Sleep::kFruitless);
   if (!collector->idle) collector->idle = GCHighThreshold(cache);
   // Thresholds the wrong way round: so little is free that it ought to start, and so much that it ought to stop.
-  if (was_idle && collector->idle && !rested) Rest(cache);
+  if (was_idle && collector->idle && !rested) Rest(cache, Sleep::kIdle);
   return !cache->c_closing;
 }
 

@@ -1,8 +1,11 @@
-// What the three files of the cache share: its locks, its constants, and the operations that cross from one to another.
+// What the files of the cache share: its locks, its constants, and the operations that cross from one to another.
 //
-//   qxcache.cc        life of a cache, the two page lists, the locks' failures
-//   qxcache_store.cc  blocks: store, fetch, the age of a block
+//   qxcache.cc        life of a cache, the two page lists, what it tells of itself
+//   qxcache_index.cc  from a key to its block: the index, the table in front of it, the page of an address
+//   qxcache_store.cc  blocks: store, fetch, remove
 //   qxcache_gc.cc     the collector
+//   qxcache_age.cc    the age histogram
+//   qxcache_locks.cc  how the locks fail, and their order
 //
 // Lock order, the only place where it stands:
 //
@@ -18,7 +21,7 @@
 // entry. Entries of dead blocks never come back, because only the address of a new block is ever inserted. So while the
 // index names a block, the block lies there; and while moreover its page's mutex is held, it stays.
 //
-//   fetch:  [c_dict_lock: address]  page by arithmetic  [p_mutex: [c_dict_lock: still that address?]  read the block]
+//   fetch:  [address, from the front or the index]  page by arithmetic  [p_mutex: still that address?  read the block]
 //
 // Between the two looks at the index not one byte at the address is read: the collector may have emptied the page, and
 // other values' bytes, chosen by anybody, may lie there.
@@ -28,6 +31,8 @@
 
 #include "dict/qxcache.h"
 #include "qxlib/misc.h"
+
+#include <pthread.h>
 
 #include <climits>
 #include <cstddef>
@@ -45,6 +50,8 @@ constexpr UInt kArrayMost = 2147483647;  // bytes that a growable array holds
 constexpr int kIdleMilliseconds = 1000;  // the collector's longest sleep
 constexpr int kStoreAttempts = 10;       // pages that a store tries before it gives up
 
+constexpr UInt kAllPolicies = QX_CACHE_NEWEST_WINS | QX_CACHE_KEEP_PAGES | QX_CACHE_TRUE_AGE;
+
 // What a block costs beside its key and value in a page that holds nothing else.
 constexpr size_t kEmptyPageOverhead = sizeof(Page) + sizeof(CacheBlock);
 
@@ -57,7 +64,54 @@ static_assert(offsetof(CacheBlock, b_key) == 0 && offsetof(CacheBlock, b_size) =
               offsetof(CacheBlock, b_next) == 48);
 static_assert(sizeof(Page) % kBlockAlignment == 0 && sizeof(CacheBlock) % kBlockAlignment == 0);
 
-// The locks: qxcache.cc.
+// Why the collector sleeps, and so what wakes it: a page that was taken wakes an idle one only if it would find
+// something to do, and one that has worked for nothing always.
+enum class Sleep : UInt { kNone, kIdle, kFruitless };
+
+// What one of many threads has counted. Every thread always counts into the same one.
+struct alignas(64) Counters {
+  ULong hits, misses, expired, stores, refused, removed;
+};
+constexpr size_t kCounters = 16;  // the index of one is 4 bits
+
+// What the collector has counted. Nobody else writes these.
+struct CollectorCounters {
+  ULong moved, dropped, passes, emergencies, lost_pages;
+};
+
+}  // namespace qxcache
+
+// What the library keeps of a cache beside its record. What is written often lies in cache lines of its own, away from
+// what every fetch reads.
+struct CacheExtra {
+  // Written at creation.
+  RegionArray spans;      // the regions in address order, neighbours merged
+  UInt page_size;         // c_page_size, whose cache line every store writes,
+  ULong page_reciprocal;  // and for remainders by it
+  ULong born;             // when the cache was created
+  ULong* front;           // the table in front of the index; null when it could not be had
+  ULong front_first;      // buckets of its first stage,
+  ULong front_most;       // and of the last
+  void* memory;           // that this record lies in
+
+  // Written seldom: under c_dict_lock, read by everybody without.
+  UInt front_stage;
+  UInt policy;
+
+  // Under c_dict_lock.
+  alignas(64) ULong dict_changes;  // how often an entry of c_dict was replaced or removed; read without the lock too
+  UInt front_victim;
+
+  // Under c_alloc_mutex.
+  alignas(64) qxcache::Sleep sleep;
+
+  qxcache::CollectorCounters collector;
+  qxcache::Counters counters[qxcache::kCounters];
+};
+
+namespace qxcache {
+
+// The locks: qxcache_locks.cc.
 
 enum class LockRank { kPage, kTargetPage, kIndex, kHistogram, kAlloc };
 
@@ -84,12 +138,25 @@ void CheckHeld(const Mutex* mutex);
 inline void CheckHeld(const Mutex*) {}
 #endif
 
+// Counting without a lock. What only one thread writes needs no read-modify-write.
+inline void Bump(ULong* count) { __atomic_store_n(count, *count + 1, __ATOMIC_RELAXED); }
+
+// The calling thread's share of the counters, or one that it shares with few.
+inline Counters* MyCounters(const Cache* cache) {
+  const ULong mixed = pthread_self() * 0x9E3779B97F4A7C15u;
+  return &cache->c_extra->counters[mixed >> 60];
+}
+inline void Count(const Cache* cache, ULong Counters::*which) {
+  __atomic_fetch_add(&(MyCounters(cache)->*which), 1, __ATOMIC_RELAXED);
+}
+
 // The page lists: qxcache.cc.
 //
 // `head` chooses the end of the list; `lock` says whether the operation takes c_alloc_mutex (true) or the caller holds
 // it (false).
 
-// Takes a page, or null. Without `force` none is taken where GCSafetyThreshold holds. Wakes the collector.
+// Takes a page, or null. Without `force` none is taken where GCSafetyThreshold holds. Wakes the collector when it
+// sleeps and would find work.
 Page* GetFreePage(Cache* cache, Boolean head, Boolean lock, Boolean force);
 Page* GetFullPage(Cache* cache, Boolean head, Boolean lock);
 void AddFreePage(Cache* cache, Page* page, Boolean head, Boolean lock);
@@ -124,9 +191,38 @@ Boolean PageWriteBlock(Cache* cache, Page* page, FPrint key, KeyText keystr, con
 // p_mutex and has seen that there is room.
 void PageAddBlockUnlocked(Page* page, CacheBlock* block, size_t size);
 
-// Both fetches: into `dynbuffer` when it is not null, else into the `bufSize` bytes at `statbuffer`.
+// Both copying fetches: into `dynbuffer` when it is not null, else into the `bufSize` bytes at `statbuffer`.
 Boolean PageReadBlock(Cache* cache, FPrint key, KeyText keystr, UByteArray* dynbuffer, void* statbuffer, UInt bufSize,
                       UInt* dataSize);
+
+// The index: qxcache_index.cc.
+
+// Where the index has seen a key's block, and how to see whether it still does.
+struct Entry {
+  ULong address = kNoBlock;      // of the block; kNoBlock: there is none
+  ULong changes = 0;             // the state of the index when it said so,
+  const ULong* place = nullptr;  // or, when the front said so, the place of the word
+  ULong word = 0;                // and the word
+
+  bool FromFront() const { return place != nullptr; }
+};
+
+// Makes and measures the table in front of the index. The cache is not in use yet.
+void FrontInit(Cache* cache);
+size_t FrontBytes(const CacheExtra* extra);
+
+// Has the key's bucket on its way from memory while the caller does something else.
+void FrontPrefetch(const Cache* cache, FPrint key);
+
+// What the front has under `key`. The block may be another key's, which the caller sees when it holds the page.
+Entry FrontFind(const Cache* cache, FPrint key);
+
+// What the index has under `key`. Takes c_dict_lock.
+Entry IndexFind(Cache* cache, FPrint key);
+
+// Whether the index still names the block that it named in `entry`. Caller holds the p_mutex of the page that the block
+// was in: with the answer true, the block stays there until the mutex is released.
+bool StillNames(Cache* cache, FPrint key, const Entry& entry);
 
 // Makes the index name `block` under `key`. Takes c_dict_lock.
 void IndexInsert(Cache* cache, FPrint key, const CacheBlock* block);
@@ -134,12 +230,53 @@ void IndexInsert(Cache* cache, FPrint key, const CacheBlock* block);
 // Removes whatever the index has under `key`. Takes c_dict_lock.
 void IndexRemove(Cache* cache, FPrint key);
 
-// The bucket for a time of access, -1 when it lies before the histogram. Needs no lock: neither the reference time nor
-// the generation ever changes.
+// Whether a block is to be dropped because a newer store hides it: only under QX_CACHE_NEWEST_WINS. Takes c_dict_lock.
+bool IndexHides(Cache* cache, const CacheBlock* block);
+
+// Makes the index name a block's copy. Under QX_CACHE_NEWEST_WINS only where it names the block. Takes c_dict_lock.
+void IndexMove(Cache* cache, const CacheBlock* from, const CacheBlock* to);
+
+// Removes the entry of a block's key. Under QX_CACHE_NEWEST_WINS only where it names the block. Takes c_dict_lock.
+void IndexDrop(Cache* cache, const CacheBlock* block);
+
+// Removes the entry that names a block; false, and nothing done, when none does. Takes c_dict_lock.
+bool IndexTake(Cache* cache, const CacheBlock* block);
+
+// Puts the cache under QX_CACHE_NEWEST_WINS: from then on no block comes back that the index does not name. Takes
+// c_dict_lock.
+void KeepHiddenBlocksHidden(Cache* cache);
+
+// The page that holds an address of one of the cache's blocks, without reading anything at that address.
+Page* PageOf(const Cache* cache, ULong address);
+
+// Whether a policy is set. Under c_dict_lock the answer stays.
+inline bool HasPolicy(const Cache* cache, UInt policy) {
+  return (__atomic_load_n(&cache->c_extra->policy, __ATOMIC_RELAXED) & policy) != 0;
+}
+
+// The age histogram: qxcache_age.cc.
+
+// The bucket for a time of access, -1 when it lies before the histogram. Needs no lock, because neither the reference
+// time nor the generation ever changes; under QX_CACHE_TRUE_AGE the reference time does, and the caller holds
+// c_histo_mutex.
 int GetHistogramIndex(const Cache* cache, ULong time);
 
 // Moves an object from the bucket of one time of access to that of another. Takes c_histo_mutex when they differ.
 void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time);
+
+// Counts a new object. Takes c_histo_mutex.
+void CountIn(Cache* cache, ULong now, size_t size);
+
+// Takes a block out of the counts, in the name of the function that drops it. Caller holds the p_mutex of its page.
+// Takes c_histo_mutex.
+void CountOut(Cache* cache, const CacheBlock* block, const char* function);
+
+// Ages the histogram by the generations that have passed since the cache was created, under QX_CACHE_TRUE_AGE by those
+// that have passed since it was aged last. Takes c_histo_mutex.
+void ShiftHistogram(Cache* cache);
+
+// The time of access up to which blocks are dropped. Takes c_histo_mutex.
+ULong GCGetMinTime(Cache* cache);
 
 // The collector: qxcache_gc.cc.
 
@@ -148,6 +285,13 @@ void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time);
 bool GCSafetyThreshold(const Cache* cache);
 bool GCLowThreshold(const Cache* cache);
 bool GCHighThreshold(const Cache* cache);
+
+// Whether the collector sleeps and would find work if it were woken. Caller holds c_alloc_mutex.
+bool GCWouldWork(const Cache* cache);
+
+// Ends the life of a block that the index does not name any more, in the name of `function`. Caller holds the p_mutex
+// of its page.
+void DiscardBlock(Cache* cache, CacheBlock* block, const char* function);
 
 // How a copy pass ended: exactly one of them holds.
 struct CopyOutcome {
@@ -160,12 +304,6 @@ CopyOutcome PageCopyBlocks(Cache* cache, ULong limit, Page* page_full, Page* pag
 
 // Drops every block of the page.
 void PageFreeBlocks(Cache* cache, Page* page);
-
-// The time of access up to which blocks are dropped. Takes c_histo_mutex.
-ULong GCGetMinTime(Cache* cache);
-
-// Ages the histogram by the generations that have passed since the cache was created. Takes c_histo_mutex.
-void ShiftHistogram(Cache* cache);
 
 // What the collector remembers from turn to turn.
 struct Collector {

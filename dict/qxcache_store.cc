@@ -1,11 +1,11 @@
-// Storing and fetching: blocks in pages, and the index that finds them.
+// Storing, fetching and removing: blocks in pages.
 //
 //   page:  [ Page ][ block ][ block ]...[ block ][ room ]
 //          p_copy_ptr ^                   ^ p_last  ^ p_alloc_ptr          ^ p_end
 //   block: [ CacheBlock ][ key text ][ 0 ][ value ][ pad to 8 ]            b_next: the block behind, null in the last
 //
 // Nothing is ever freed or moved here: a store appends, and a value that is stored over stays in its page. Whatever
-// needs no lock (fingerprint, clock, buckets) is worked out before one is taken.
+// needs no lock (fingerprint, clock, place of the block) is worked out before one is taken.
 
 #include "dict/qxcache.h"
 
@@ -17,6 +17,9 @@
 
 namespace qxcache {
 namespace {
+
+constexpr size_t kCacheLine = 64;
+constexpr size_t kPrefetchedLines = 8;  // of a block: header, key and the beginning of the value
 
 constexpr size_t RoundUp(size_t size) { return (size + kBlockAlignment - 1) & ~(kBlockAlignment - 1); }
 
@@ -32,44 +35,6 @@ KeyText TextOf(const UByte* key) { return {key, std::strlen(reinterpret_cast<con
 // A text of 4 GiB and more is refused whatever its fingerprint: no page has room for it.
 FPrint FingerprintOf(KeyText text) {
   return Fingerprint(text.data(), static_cast<UInt>(std::min<size_t>(text.size() - 1, UINT_MAX)));
-}
-
-// What the index says of a key.
-struct Entry {
-  ULong address;  // of the block; kNoBlock: there is none
-  ULong changes;  // the state of the index when it said so
-};
-
-Entry IndexFind(Cache* cache, FPrint key) {
-  const Lock index(&cache->c_dict_lock, LockRank::kIndex);
-  return {QXAVLLDictFind(cache->c_dict, key, kNoBlock), __atomic_load_n(&cache->c_dict_changes, __ATOMIC_RELAXED)};
-}
-
-// An entry was replaced or removed. Caller holds c_dict_lock.
-void NoteChange(Cache* cache) {
-  CheckHeld(&cache->c_dict_lock);
-  __atomic_store_n(&cache->c_dict_changes, cache->c_dict_changes + 1, __ATOMIC_RELAXED);
-}
-
-// Whether the index still names the block that it named in `entry`. Caller holds the p_mutex of the page that the block
-// was in: with the answer true, the block stays there until the mutex is released.
-//
-// As long as no entry at all was replaced or removed since, this one was not. The count needs no lock: whoever emptied
-// the page changed it before he released the page's mutex, which the caller has taken after him.
-bool StillNames(Cache* cache, FPrint key, Entry entry) {
-  if (__atomic_load_n(&cache->c_dict_changes, __ATOMIC_RELAXED) == entry.changes) return true;
-  return IndexFind(cache, key).address == entry.address;
-}
-
-// The page that holds an address of one of the cache's blocks, without reading anything at that address.
-Page* PageOf(const Cache* cache, ULong address) {
-  UByte* const at = reinterpret_cast<UByte*>(address);
-  const Region* const spans = cache->c_spans.t.elts;
-  const Region* const behind = std::upper_bound(spans, spans + cache->c_spans.t.length, at,
-                                                [](const UByte* a, const Region& span) { return a < span.r_base; });
-  UByte* const base = static_cast<UByte*>(behind[-1].r_base);
-  const size_t offset = static_cast<size_t>(at - base);
-  return static_cast<Page*>(static_cast<void*>(at - offset % cache->c_page_size));
 }
 
 // Whether the block is `text`'s. Reads no further than the block, and so far only if it is long enough.
@@ -91,41 +56,78 @@ Boolean ArrayAppend(UByteArray* array, const UByte* bytes, size_t size) {
   return TRUE;
 }
 
-Boolean Absent(UInt* dataSize) {
-  if (dataSize != nullptr) *dataSize = 0;
-  return FALSE;
+// Fetches wait for memory more than for anything else: this has several lines on their way at once.
+void PrefetchBlock(CacheBlock* block) {
+  __builtin_prefetch(block, 1);
+  for (size_t line = 1; line < kPrefetchedLines; line++) {
+    __builtin_prefetch(reinterpret_cast<UByte*>(block) + line * kCacheLine);
+  }
+}
+
+// What a look at a key's block came to.
+enum class Look {
+  kDone,     // it was the key's, and `visit` has seen it
+  kForeign,  // another key's block: this one is not there
+  kMoved,    // the index names another by now, or none: not a byte was read
+  kStranger  // the front took another key for this one: the index knows more
+};
+
+// Locks the page that the index, or the front of it, has named in `entry`, and lets `visit` see the block if it is
+// still the key's.
+template <typename Visit>
+Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Visit visit) {
+  Page* const page = PageOf(cache, entry.address);
+  CacheBlock* const block = BlockAt(reinterpret_cast<UByte*>(entry.address));
+  __builtin_prefetch(page, 1);
+  PrefetchBlock(block);
+  const ULong now = GetCurrentTimeMilliseconds();  // while both are on their way
+  const Lock page_lock(&page->p_mutex, LockRank::kPage);
+  if (!StillNames(cache, key, entry)) return Look::kMoved;
+  if (entry.FromFront() && block->b_key != key) return Look::kStranger;
+  if (!HasKey(block, key, text)) return Look::kForeign;
+  visit(block, now);
+  return Look::kDone;
+}
+
+// Finds a key's block and lets `visit` see it, with its page locked, and the time at which it was found. False when
+// there is none.
+template <typename Visit>
+bool VisitBlock(Cache* cache, FPrint key, KeyText text, Visit visit) {
+  for (bool ask_front = true;;) {
+    Entry entry;
+    if (ask_front) entry = FrontFind(cache, key);
+    if (entry.address == kNoBlock) entry = IndexFind(cache, key);
+    if (entry.address == kNoBlock) return false;
+    const Look look = LookAt(cache, key, text, entry, visit);
+    if (look == Look::kDone || look == Look::kForeign) return look == Look::kDone;
+    ask_front = look != Look::kStranger;
+  }
+}
+
+// All fetches: lets `use` have the value and records the access, whatever it answers. Only where it answers TRUE the
+// histogram learns of it, or where ages are to be true. Returns its answer; FALSE when there is no value.
+template <typename Use>
+Boolean UseBlock(Cache* cache, FPrint key, KeyText text, Use use) {
+  bool expired = false;
+  Boolean result = FALSE;
+  ULong old_time = 0, new_time = 0;
+  const bool there = VisitBlock(cache, key, text, [&](CacheBlock* block, ULong now) {
+    expired = now >= block->b_expires;
+    if (expired) return;
+    // Asking for a value is using it, also when it does not fit: the caller comes back with a larger buffer. The clock
+    // is read before the value is: it waits for all that is on its way from memory.
+    old_time = block->b_accessed;
+    new_time = GetCurrentTimeMilliseconds();
+    block->b_accessed = new_time;
+    result = use(KeyBytes(block) + text.size(), block->b_size - text.size());
+  });
+  const bool found = there && !expired;
+  if (result || (found && HasPolicy(cache, QX_CACHE_TRUE_AGE))) UpdateHistogram(cache, old_time, new_time);
+  Count(cache, found ? &Counters::hits : there ? &Counters::expired : &Counters::misses);
+  return result;
 }
 
 }  // namespace
-
-int GetHistogramIndex(const Cache* cache, ULong time) {
-  const ULong base = cache->c_histo_updated;
-  if (time > base) return 0;
-  // 64 bits hold any age; a time before the first bucket's end but exactly 100 generations back has no bucket either.
-  const ULong age = (base - time) / cache->c_generation_time;
-  return age < QX_CACHE_BUCKETS ? static_cast<int>(age) : -1;
-}
-
-void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time) {
-  const int from = GetHistogramIndex(cache, old_time);
-  const int to = GetHistogramIndex(cache, new_time);
-  if (from == to) return;
-  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  UInt* const buckets = cache->c_age_histogram;
-  if (from >= 0 && buckets[from] > 0) buckets[from]--;
-  if (to >= 0) buckets[to]++;
-}
-
-void IndexInsert(Cache* cache, FPrint key, const CacheBlock* block) {
-  const Lock index(&cache->c_dict_lock, LockRank::kIndex);
-  const ULong before = QXAVLLDictInsert(cache->c_dict, key, reinterpret_cast<ULong>(block), kNoBlock);
-  if (before != kNoBlock) NoteChange(cache);
-}
-
-void IndexRemove(Cache* cache, FPrint key) {
-  const Lock index(&cache->c_dict_lock, LockRank::kIndex);
-  if (QXAVLLDictRemove(cache->c_dict, key, kNoBlock) != kNoBlock) NoteChange(cache);
-}
 
 void PageAddBlockUnlocked(Page* page, CacheBlock* block, size_t size) {
   CheckHeld(&page->p_mutex);
@@ -143,7 +145,6 @@ Boolean PageWriteBlock(Cache* cache, Page* page, FPrint key, KeyText keystr, con
   const size_t need = keystr.size() + size;
   const size_t total = need + sizeof(CacheBlock);
   const ULong now = std::min(GetCurrentTimeMilliseconds(), kDead - 1);
-  const int bucket = GetHistogramIndex(cache, now);
 
   const Lock page_lock(&page->p_mutex, LockRank::kPage);
   if (total > PageRoom(page)) {
@@ -165,47 +166,20 @@ Boolean PageWriteBlock(Cache* cache, Page* page, FPrint key, KeyText keystr, con
   CopyBytes(KeyBytes(block) + keystr.size(), value, size);
 
   IndexInsert(cache, key, block);
-  const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  if (bucket >= 0) cache->c_age_histogram[bucket]++;
-  cache->c_nb_objects++;
-  cache->c_total_size += need;
+  CountIn(cache, now, need);
   return TRUE;
 }
 
 Boolean PageReadBlock(Cache* cache, FPrint key, KeyText keystr, UByteArray* dynbuffer, void* statbuffer, UInt bufSize,
                       UInt* dataSize) {
-  for (;;) {
-    const ULong now = GetCurrentTimeMilliseconds();
-    const Entry entry = IndexFind(cache, key);
-    if (entry.address == kNoBlock) return Absent(dataSize);
-
-    Page* const page = PageOf(cache, entry.address);
-    CacheBlock* const block = BlockAt(reinterpret_cast<UByte*>(entry.address));
-    __builtin_prefetch(block);
-    Boolean result;
-    ULong old_time, new_time;
-    {
-      const Lock page_lock(&page->p_mutex, LockRank::kPage);
-      if (!StillNames(cache, key, entry)) continue;  // moved, dropped or stored anew meanwhile: not a byte was read
-      if (now >= block->b_expires || !HasKey(block, key, keystr)) return Absent(dataSize);
-
-      const UByte* const value = KeyBytes(block) + keystr.size();
-      const size_t size = block->b_size - keystr.size();
-      if (dynbuffer != nullptr) {
-        result = ArrayAppend(dynbuffer, value, size);
-      } else {
-        *dataSize = static_cast<UInt>(size);
-        result = bufSize >= size;
-        if (result) CopyBytes(statbuffer, value, size);
-      }
-      // Asking for a value is using it, also when it did not fit: the caller comes back with a larger buffer.
-      old_time = block->b_accessed;
-      new_time = GetCurrentTimeMilliseconds();
-      block->b_accessed = new_time;
-    }
-    if (result) UpdateHistogram(cache, old_time, new_time);
-    return result;
-  }
+  if (dataSize != nullptr) *dataSize = 0;
+  return UseBlock(cache, key, keystr, [&](const UByte* value, size_t size) -> Boolean {
+    if (dynbuffer != nullptr) return ArrayAppend(dynbuffer, value, size);
+    *dataSize = static_cast<UInt>(size);
+    if (bufSize < size) return FALSE;
+    CopyBytes(statbuffer, value, size);
+    return TRUE;
+  });
 }
 
 }  // namespace qxcache
@@ -215,24 +189,28 @@ Boolean QXCacheStore(Cache* cache, const UByte* key, const UByte* value, UInt si
   if (key == nullptr || (value == nullptr && size != 0)) return FALSE;
   const KeyText text = TextOf(key);
   const FPrint fingerprint = FingerprintOf(text);
+  FrontPrefetch(cache, fingerprint);
+  Boolean written = FALSE;
   for (int attempts = 0; attempts < kStoreAttempts; attempts++) {
     Page* const page = GetFreePage(cache, FALSE, TRUE, FALSE);
-    if (page == nullptr) return FALSE;
+    if (page == nullptr) break;
     Boolean too_large;
-    const Boolean written = PageWriteBlock(cache, page, fingerprint, text, value, size, expires, &too_large);
+    written = PageWriteBlock(cache, page, fingerprint, text, value, size, expires, &too_large);
     if (written || too_large) {
       AddFreePage(cache, page, TRUE, TRUE);
-      return written;
+      break;
     }
     AddFullPage(cache, page, TRUE, TRUE);
   }
-  return FALSE;
+  Count(cache, written ? &Counters::stores : &Counters::refused);
+  return written;
 }
 
 Boolean QXCacheGetStatic(Cache* cache, const UByte* key, void* buffer, UInt bufSize, UInt* dataSize) {
   using namespace qxcache;
   QX_ASSERT_TEXT(dataSize != nullptr, "dataSize != ((void *)0)");
-  if (key == nullptr) return Absent(dataSize);
+  *dataSize = 0;
+  if (key == nullptr) return FALSE;
   const KeyText text = TextOf(key);
   return PageReadBlock(cache, FingerprintOf(text), text, nullptr, buffer, buffer != nullptr ? bufSize : 0, dataSize);
 }
@@ -243,4 +221,34 @@ Boolean QXCacheGetDynamic(Cache* cache, const UByte* key, UByteArray* buffer) {
   if (key == nullptr) return FALSE;
   const KeyText text = TextOf(key);
   return PageReadBlock(cache, FingerprintOf(text), text, buffer, nullptr, 0, nullptr);
+}
+
+Boolean QXCacheRead(Cache* cache, const UByte* key, QXCacheReadFunction fun, void* arg) {
+  using namespace qxcache;
+  QX_ASSERT_TEXT(fun != nullptr, "fun != ((void *)0)");
+  if (key == nullptr) return FALSE;
+  const KeyText text = TextOf(key);
+  return UseBlock(cache, FingerprintOf(text), text,
+                  [fun, arg](const UByte* value, size_t size) { return fun(value, static_cast<UInt>(size), arg); });
+}
+
+Boolean QXCacheRemove(Cache* cache, const UByte* key) {
+  using namespace qxcache;
+  if (key == nullptr) return FALSE;
+  const KeyText text = TextOf(key);
+  const FPrint fingerprint = FingerprintOf(text);
+  KeepHiddenBlocksHidden(cache);  // first: what the index does not name from now on, it never will again
+  for (bool hidden = true; hidden;) {
+    bool live = false;
+    const bool there = VisitBlock(cache, fingerprint, text, [&](CacheBlock* block, ULong now) {
+      hidden = !IndexTake(cache, block);  // a store over the key since we looked: that value is the one to remove
+      if (hidden) return;
+      live = now < block->b_expires;
+      DiscardBlock(cache, block, "QXCacheRemove");
+    });
+    if (!there) break;
+    if (live) Count(cache, &Counters::removed);
+    if (!hidden) return live;
+  }
+  return FALSE;
 }

@@ -828,17 +828,36 @@ double Seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
-TEST_F(GCBeginTurn, IsWokenByAPageThatIsTaken) {
-  const QuietCache cache({.region_size = 10});
-  Collector collector;
+// How long a turn sleeps while another thread stores.
+double SleepUntilAStore(const QuietCache& cache, Collector* collector) {
   std::thread store([&cache] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    cache.Store("k", "v");
+    EXPECT_TRUE(cache.Store("k", "v"));
   });
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(qxcache::GCBeginTurn(cache.get(), &collector));
-  EXPECT_LT(Seconds(start), 0.9);
+  EXPECT_TRUE(qxcache::GCBeginTurn(cache.get(), collector));
+  const double seconds = Seconds(start);
   store.join();
+  return seconds;
+}
+
+TEST_F(GCBeginTurn, IsWokenByAPageThatMakesTooFew) {
+  const QuietCache cache({.region_size = 10, .low = 50.0});
+  for (int i = 0; i < 4; i++) qxcache::GetFreePage(cache.get(), TRUE, TRUE, TRUE);
+  Collector collector;
+  EXPECT_LT(SleepUntilAStore(cache, &collector), 0.9);
+}
+
+TEST_F(GCBeginTurn, IsWokenByAnyPageAfterAFruitlessRound) {
+  const QuietCache cache({.region_size = 10});
+  Collector collector{.idle = false, .fruitless = true};
+  EXPECT_LT(SleepUntilAStore(cache, &collector), 0.9);
+}
+
+TEST_F(GCBeginTurn, IsLeftAsleepWhereThereIsNothingToDo) {
+  const QuietCache cache({.region_size = 10});
+  Collector collector;
+  EXPECT_GT(SleepUntilAStore(cache, &collector), 0.9);
 }
 
 // The thread's processor time so far, in seconds.

@@ -231,11 +231,11 @@ TEST(QXCacheNew, AddressesOfAllRegionsLeadToTheirPages) {
     EXPECT_EQ(used, 21u);
     // What looks the pages up: all regions, those that touch merged.
     size_t covered = 0;
-    for (UInt i = 0; i < cache->c_spans.t.length; i++) {
-      const Region span = cache->c_spans.t.elts[i];
+    for (UInt i = 0; i < cache->c_extra->spans.t.length; i++) {
+      const Region span = cache->c_extra->spans.t.elts[i];
       covered += span.r_size;
       if (i == 0) continue;
-      const Region before = cache->c_spans.t.elts[i - 1];
+      const Region before = cache->c_extra->spans.t.elts[i - 1];
       EXPECT_LT(static_cast<char*>(before.r_base) + before.r_size, static_cast<char*>(span.r_base));
     }
     EXPECT_EQ(covered, size_t{7} * 3 * page_size);
@@ -273,8 +273,23 @@ TEST_F(QXCacheNewFailure, ACollectorThatCannotBeStartedGivesNullAndReleasesEvery
   const long unmaps = support::faults::Unmaps();
   support::faults::FailThreadCreate(0);
   EXPECT_EQ(QXCacheNew(32 * kMiB), nullptr);
-  EXPECT_EQ(support::faults::Maps() - maps, 3);
-  EXPECT_EQ(support::faults::Unmaps() - unmaps, 3);
+  EXPECT_EQ(support::faults::Maps() - maps, 4);  // the index, two regions, the front of the index
+  EXPECT_EQ(support::faults::Unmaps() - unmaps, 4);
+}
+
+TEST_F(QXCacheNewFailure, WithoutAFrontOfTheIndexTheCacheWorks) {
+  const support::Messages messages;
+  support::faults::FailMap(2);  // behind the index and a region
+  const QuietCache cache({.region_size = 8, .page_size = 4096});
+  EXPECT_EQ(cache->c_extra->front, nullptr);
+  for (int i = 0; i < 100; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), Numbered("value", i)));
+  for (int i = 0; i < 100; i += 2) ASSERT_TRUE(cache.Store(Numbered("key", i), "newer"));
+  for (int i = 0; i < 100; i++) {
+    EXPECT_EQ(cache.Fetch(Numbered("key", i)), i % 2 == 0 ? "newer" : Numbered("value", i));
+  }
+  EXPECT_TRUE(QXCacheRemove(cache.get(), Bytes("key7")));
+  EXPECT_EQ(cache.Fetch("key7"), "(none)");
+  EXPECT_EQ(messages.all().size(), 0u);
 }
 
 // Threads that block every signal there is. SIGKILL, SIGSTOP and the two that the C library keeps to itself cannot be.
@@ -420,11 +435,36 @@ TEST(PageLists, TheSafetyThresholdKeepsItsShareFromStores) {
   EXPECT_NE(qxcache::GetFreePage(cache.get(), TRUE, TRUE, TRUE), nullptr);
 }
 
+// Tells how many signals a taken page sends to a collector that sleeps for a reason, with so many pages left.
+long SignalsFor(qxcache::Sleep why, UInt pages_left, double low, double high) {
+  const QuietCache cache({.region_size = 20, .safety = 0.0, .low = low, .high = high});
+  while (cache->c_nb_free_pages > pages_left + 1) qxcache::GetFreePage(cache.get(), TRUE, TRUE, TRUE);
+  cache->c_extra->sleep = why;
+  signals_sent = 0;
+  EXPECT_NE(qxcache::GetFreePage(cache.get(), FALSE, TRUE, TRUE), nullptr);
+  const long first = signals_sent;
+  EXPECT_NE(qxcache::GetFreePage(cache.get(), FALSE, TRUE, TRUE), nullptr);
+  EXPECT_EQ(signals_sent, first) << "one signal is enough";
+  return first;
+}
+
+TEST(PageLists, ATakenPageWakesACollectorThatWouldFindWork) {
+  using qxcache::Sleep;
+  EXPECT_EQ(SignalsFor(Sleep::kIdle, 10, 50.0, 70.0), 1);
+  EXPECT_EQ(SignalsFor(Sleep::kIdle, 12, 50.0, 70.0), 0);       // more than the low threshold is free
+  EXPECT_EQ(SignalsFor(Sleep::kIdle, 5, 0.0, 0.0), 1);          // five pages are always few
+  EXPECT_EQ(SignalsFor(Sleep::kIdle, 10, 90.0, 10.0), 0);       // few enough to start, enough to stop
+  EXPECT_EQ(SignalsFor(Sleep::kFruitless, 12, 50.0, 70.0), 1);  // every page taken is news
+  EXPECT_EQ(SignalsFor(Sleep::kNone, 3, 50.0, 70.0), 0);
+}
+
 TEST(PageLists, OnlyATakenFreePageWakesTheCollector) {
   const QuietCache cache({.region_size = 6});
+  cache->c_extra->sleep = qxcache::Sleep::kFruitless;
   signals_sent = 0;
   Page* const page = qxcache::GetFreePage(cache.get(), FALSE, TRUE, FALSE);
   EXPECT_EQ(signals_sent, 1);
+  cache->c_extra->sleep = qxcache::Sleep::kFruitless;
   EXPECT_EQ(qxcache::GetFreePage(cache.get(), FALSE, TRUE, FALSE), nullptr);
   EXPECT_EQ(qxcache::GetFullPage(cache.get(), FALSE, TRUE), nullptr);
   qxcache::AddFullPage(cache.get(), page, TRUE, TRUE);

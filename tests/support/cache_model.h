@@ -2,7 +2,8 @@
 //
 // A cache forgets when it likes, so the model holds, for each key, every value that was ever stored under it, with its
 // expiry. Until the first collection the cache must answer exactly: the value stored last, or nothing once that has
-// expired. From then on it may answer nothing, or any stored value that has not expired.
+// expired. From then on it may answer nothing, or any stored value that has not expired. Where the newest store wins,
+// by policy or since the first removal, a store leaves none but its own value.
 #ifndef TESTS_SUPPORT_CACHE_MODEL_H
 #define TESTS_SUPPORT_CACHE_MODEL_H
 
@@ -19,7 +20,8 @@ namespace support {
 
 class CacheModel {
  public:
-  explicit CacheModel(const CacheParameters& parameters) : cache_((faults::ClockSet(now_), parameters)) {}
+  explicit CacheModel(const CacheParameters& parameters)
+      : cache_((faults::ClockSet(now_), parameters)), newest_wins_((parameters.policy & QX_CACHE_NEWEST_WINS) != 0) {}
   ~CacheModel() { faults::ClockReal(); }
   CacheModel(const CacheModel&) = delete;
   CacheModel& operator=(const CacheModel&) = delete;
@@ -34,12 +36,14 @@ class CacheModel {
     stores_++;
     const ULong expires = lifetime == kNever ? kNever : now_ + lifetime;
     if (!cache_.Store(key, value, expires)) return false;
+    if (newest_wins_) stored_[key].clear();
     stored_[key].push_back({value, expires});
     return true;
   }
 
   void Fetch(const std::string& key) {
-    const std::string found = fetches_++ % 2 == 0 ? cache_.Fetch(key) : FetchStatic(key);
+    const std::string found = fetches_ % 3 == 0 ? cache_.Fetch(key) : fetches_ % 3 == 1 ? FetchStatic(key) : Read(key);
+    fetches_++;
     const std::vector<Value>& values = stored_[key];
     if (exact_) {
       const bool there = !values.empty() && now_ < values.back().expires;
@@ -53,7 +57,21 @@ class CacheModel {
         return;
       }
     }
-    ADD_FAILURE() << "a value that was never stored under " << key;
+    ADD_FAILURE() << "a value that was never stored under " << key << ", or came back: " << found.substr(0, 20);
+  }
+
+  void Remove(const std::string& key) {
+    const std::vector<Value>& values = stored_[key];
+    const bool there = !values.empty() && now_ < values.back().expires;
+    const bool removed = QXCacheRemove(cache_.get(), Bytes(key)) != FALSE;
+    if (exact_) {
+      EXPECT_EQ(removed, there);
+    } else if (values.empty()) {
+      EXPECT_FALSE(removed);
+    }
+    stored_[key].clear();
+    newest_wins_ = true;
+    EXPECT_EQ(cache_.Fetch(key), "(none)");
   }
 
   void Wait(ULong milliseconds) {
@@ -86,10 +104,22 @@ class CacheModel {
     return buffer;
   }
 
+  std::string Read(const std::string& key) {
+    std::string value = "(none)";
+    const QXCacheReadFunction keep = [](const UByte* bytes, UInt size, void* arg) -> Boolean {
+      static_cast<std::string*>(arg)->assign(reinterpret_cast<const char*>(bytes), size);
+      return TRUE;
+    };
+    const bool read = QXCacheRead(cache_.get(), Bytes(key), keep, &value) != FALSE;
+    EXPECT_EQ(read, value != "(none)");
+    return value;
+  }
+
   ULong now_ = 1000000000;
   QuietCache cache_;
   std::map<std::string, std::vector<Value>> stored_;
   bool exact_ = true;
+  bool newest_wins_;
   UInt stores_ = 0;
   UInt fetches_ = 0;
 };

@@ -23,7 +23,16 @@ struct CacheParameters {
   double high = 16.0;
   UInt generation = 1000;
   ULong regions = 1;
+  UInt policy = 0;
 };
+
+inline Cache* NewCache(const CacheParameters& p) {
+  const ULong size = p.regions * p.region_size * p.page_size;
+  if (p.policy == 0) {
+    return QXCacheNewWithParams(p.region_size, p.page_size, p.safety, p.low, p.high, p.generation, size);
+  }
+  return QXCacheNewWithPolicy(p.region_size, p.page_size, p.safety, p.low, p.high, p.generation, size, p.policy);
+}
 
 inline const UByte* Bytes(const char* text) { return reinterpret_cast<const UByte*>(text); }
 inline const UByte* Bytes(const std::string& text) { return Bytes(text.c_str()); }
@@ -49,9 +58,7 @@ inline void StopCollector(Cache* cache) {
 
 class QuietCache {
  public:
-  explicit QuietCache(const CacheParameters& p = {})
-      : cache_(QXCacheNewWithParams(p.region_size, p.page_size, p.safety, p.low, p.high, p.generation,
-                                    p.regions * p.region_size * p.page_size)) {
+  explicit QuietCache(const CacheParameters& p = {}) : cache_(NewCache(p)) {
     EXPECT_NE(cache_, nullptr);
     StopCollector(cache_);
   }

@@ -1,0 +1,228 @@
+// From a key to its block: the table in front of the index, and the page of an address.
+
+#include "dict/qxcache.h"
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <set>
+#include <thread>
+
+#include "dict/qxcache_internal.h"
+#include "support/cache_front.h"
+#include "support/faults.h"
+#include "support/quiet_cache.h"
+
+// In front of the base library's: a key "=0123456789abcdef" has that fingerprint.
+extern "C" FPrint Fingerprint(const UByte* bytes, UInt length) {
+  static const auto real = reinterpret_cast<FPrint (*)(const UByte*, UInt)>(dlsym(RTLD_NEXT, "Fingerprint"));
+  if (length >= 17 && bytes[0] == '=') return std::strtoul(reinterpret_cast<const char*>(bytes) + 1, nullptr, 16);
+  return real(bytes, length);
+}
+
+namespace {
+
+using support::Bytes;
+using support::CheckFront;
+using support::kNever;
+using support::Numbered;
+using support::QuietCache;
+
+// 64 KiB: the front has a bucket of 8 words in its first stage and 64 in its last.
+constexpr support::CacheParameters kSmall = {.region_size = 16, .page_size = 4096};
+
+// Fetches while this thread holds the index's lock, so only the front can answer.
+std::string FetchWithoutIndex(const QuietCache& cache, const std::string& key) {
+  std::string found;
+  pthread_mutex_lock(&cache->c_dict_lock);
+  std::thread fetcher([&cache, &key, &found] { found = cache.Fetch(key); });
+  fetcher.join();
+  pthread_mutex_unlock(&cache->c_dict_lock);
+  return found;
+}
+
+TEST(CacheFront, IsMadeToTheCachesMeasure) {
+  const QuietCache small(kSmall);
+  EXPECT_EQ(small->c_extra->front_first, 1u);
+  EXPECT_EQ(small->c_extra->front_most, 64u);
+  const QuietCache large({.region_size = 64, .page_size = 1048576});
+  EXPECT_EQ(large->c_extra->front_first, 512u);
+  EXPECT_EQ(large->c_extra->front_most, 65536u);
+  EXPECT_EQ(qxcache::FrontBytes(large->c_extra), 4194304u);  // a sixteenth
+  const QuietCache tiny({.region_size = 6, .page_size = 152});
+  EXPECT_EQ(tiny->c_extra->front_first, 1u);
+  EXPECT_EQ(tiny->c_extra->front_most, 1u);
+  const QuietCache none({.regions = 0});
+  EXPECT_EQ(none->c_extra->front, nullptr);
+}
+
+TEST(CacheFront, AnswersAFetchWithoutTheIndex) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  EXPECT_EQ(FetchWithoutIndex(cache, "key"), "value");
+  ASSERT_TRUE(cache.Store("key", "newer"));
+  EXPECT_EQ(FetchWithoutIndex(cache, "key"), "newer");
+  EXPECT_EQ(CheckFront(cache.get()), 1u);
+}
+
+TEST(CacheFront, FollowsABlockThatIsMoved) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  Page* const page = cache.Block("key")->b_page;
+  qxcache::PageCopyBlocks(cache.get(), 0, page, cache.PageAt(9));
+  EXPECT_EQ(cache.Block("key")->b_page, cache.PageAt(9));
+  EXPECT_EQ(FetchWithoutIndex(cache, "key"), "value");
+  EXPECT_EQ(CheckFront(cache.get()), 1u);
+}
+
+TEST(CacheFront, ForgetsABlockThatIsDropped) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  qxcache::PageFreeBlocks(cache.get(), cache.Block("key")->b_page);
+  EXPECT_EQ(CheckFront(cache.get()), 0u);
+  EXPECT_EQ(cache.Fetch("key"), "(none)");
+}
+
+TEST(CacheFront, AFullBucketGivesAWordUp) {
+  const QuietCache cache(kSmall);
+  // 20 keys for one bucket: the low bits are alike in every stage.
+  std::vector<std::string> keys;
+  for (int i = 10; i < 30; i++) keys.push_back("=" + std::to_string(i) + "00000000000000");
+  for (const std::string& key : keys) ASSERT_TRUE(cache.Store(key, "of " + key));
+  EXPECT_EQ(CheckFront(cache.get()), 5u);  // since the 15th began the third stage
+  for (int round = 0; round < 3; round++) {
+    for (const std::string& key : keys) EXPECT_EQ(cache.Fetch(key), "of " + key);
+    EXPECT_EQ(CheckFront(cache.get()), 8u);
+  }
+  // Whom the index had to answer is in front of it the next time.
+  EXPECT_EQ(FetchWithoutIndex(cache, keys.back()), "of " + keys.back());
+}
+
+TEST(CacheFront, AStrangerWithTheSameBitsIsNotTakenForTheKey) {
+  const QuietCache cache(kSmall);
+  // Alike in the bits that choose the bucket and in those that the word holds.
+  const std::string one = "=abcd000000010000", other = "=abcd000000020000", absent = "=abcd000000030000";
+  ASSERT_TRUE(cache.Store(one, "1"));
+  EXPECT_EQ(cache.Fetch(other), "(none)");
+  ASSERT_TRUE(cache.Store(other, "2"));
+  for (int round = 0; round < 2; round++) {
+    EXPECT_EQ(cache.Fetch(one), "1");
+    EXPECT_EQ(cache.Fetch(other), "2");
+    EXPECT_EQ(cache.Fetch(absent), "(none)");
+  }
+  EXPECT_TRUE(QXCacheRemove(cache.get(), Bytes(other)));
+  EXPECT_FALSE(QXCacheRemove(cache.get(), Bytes(other)));
+  EXPECT_EQ(cache.Fetch(one), "1");
+  EXPECT_EQ(cache.Fetch(other), "(none)");
+  EXPECT_EQ(CheckFront(cache.get()), 1u);
+}
+
+TEST(CacheFront, FingerprintsOfAllZerosAndAllOnesAreFound) {
+  const QuietCache cache(kSmall);
+  const std::string zeros = "=0000000000000000", ones = "=ffffffffffffffff";
+  EXPECT_EQ(cache.Fetch(zeros), "(none)");
+  EXPECT_EQ(cache.Fetch(ones), "(none)");
+  ASSERT_TRUE(cache.Store(zeros, "0"));
+  ASSERT_TRUE(cache.Store(ones, "1"));
+  EXPECT_EQ(cache.Fetch(zeros), "0");
+  EXPECT_EQ(cache.Fetch(ones), "1");
+}
+
+TEST(CacheFront, GrowsWithTheIndexAndFindsEverythingAllTheWhile) {
+  const QuietCache cache({.region_size = 64, .page_size = 4096});
+  EXPECT_EQ(cache->c_extra->front_first, 2u);
+  std::set<UInt> stages;
+  for (int i = 0; i < 2500; i++) {
+    const std::string key = Numbered("key", i);
+    ASSERT_TRUE(cache.Store(key, Numbered("value", i)));
+    stages.insert(cache->c_extra->front_stage);
+    EXPECT_EQ(cache.Fetch(key), Numbered("value", i));
+    if (i % 100 == 0) CheckFront(cache.get());
+    const int earlier = i * 7 / 11;
+    ASSERT_EQ(cache.Fetch(Numbered("key", earlier)), Numbered("value", earlier));
+  }
+  EXPECT_EQ(stages, (std::set<UInt>{0, 1, 2, 3, 4, 5, 6, 7}));
+  EXPECT_LE(CheckFront(cache.get()), 2048u);
+  EXPECT_GT(CheckFront(cache.get()), 1000u);
+}
+
+TEST(CacheFront, AStageIsFullWhenSevenOfEightWordsAre) {
+  const QuietCache cache(kSmall);
+  for (int i = 0; i < 7; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
+  EXPECT_EQ(cache->c_extra->front_stage, 0u);
+  EXPECT_EQ(CheckFront(cache.get()), 7u);
+  ASSERT_TRUE(cache.Store("one more", ""));
+  EXPECT_EQ(cache->c_extra->front_stage, 1u);
+  EXPECT_EQ(CheckFront(cache.get()), 0u);  // all words so far are void
+  EXPECT_EQ(cache.Fetch("key3"), "");
+  EXPECT_EQ(CheckFront(cache.get()), 1u);
+}
+
+// Words of an older stage lie on in the table, and no fetch may take them for true.
+TEST(CacheFront, WordsOfAnOlderStageAreVoid) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  Page* const page = cache.Block("key")->b_page;
+  __atomic_store_n(&cache->c_extra->front_stage, 1, __ATOMIC_RELAXED);
+  qxcache::PageFreeBlocks(cache.get(), page);  // cannot find the word of stage 0 any more
+  std::memset(page->p_copy_ptr, 0xAA, 200);
+  EXPECT_EQ(cache.Fetch("key"), "(none)");
+}
+
+TEST(CacheFront, AStageThatEndsBetweenTheTwoLooksSendsTheFetchBack) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  const FPrint key = Fingerprint(Bytes("key"), 3);
+  const qxcache::Entry entry = qxcache::FrontFind(cache.get(), key);
+  ASSERT_TRUE(entry.FromFront());
+  EXPECT_EQ(entry.address, cache.Indexed("key"));
+  EXPECT_TRUE(qxcache::StillNames(cache.get(), key, entry));
+  __atomic_store_n(&cache->c_extra->front_stage, 1, __ATOMIC_RELAXED);
+  EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
+  EXPECT_EQ(cache.Fetch("key"), "value");
+}
+
+TEST(CacheFront, AWordThatChangesBetweenTheTwoLooksSendsTheFetchBack) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  const FPrint key = Fingerprint(Bytes("key"), 3);
+  const qxcache::Entry entry = qxcache::FrontFind(cache.get(), key);
+  ASSERT_TRUE(cache.Store("key", "newer"));
+  EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
+  EXPECT_EQ(qxcache::FrontFind(cache.get(), key).address, cache.Indexed("key"));
+}
+
+TEST(CacheIndex, AnEntryIsGoodAsLongAsNoOtherChangedOrItStillNamesTheBlock) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  const FPrint key = Fingerprint(Bytes("key"), 3);
+  const qxcache::Entry entry = qxcache::IndexFind(cache.get(), key);
+  EXPECT_FALSE(entry.FromFront());
+  EXPECT_EQ(entry.address, cache.Indexed("key"));
+  EXPECT_TRUE(qxcache::StillNames(cache.get(), key, entry));
+  ASSERT_TRUE(cache.Store("other", "1"));
+  EXPECT_EQ(qxcache::IndexFind(cache.get(), key).changes, entry.changes);  // a new entry changes none
+  ASSERT_TRUE(cache.Store("other", "2"));
+  EXPECT_NE(qxcache::IndexFind(cache.get(), key).changes, entry.changes);
+  EXPECT_TRUE(qxcache::StillNames(cache.get(), key, entry));
+  ASSERT_TRUE(cache.Store("key", "newer"));
+  EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
+  qxcache::IndexRemove(cache.get(), key);
+  EXPECT_EQ(qxcache::IndexFind(cache.get(), key).address, 0u);
+  EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
+}
+
+TEST(CacheIndex, EveryAddressLeadsToItsPage) {
+  for (const UInt page_size : {152u, 1024u, 1376u, 4096u, 65544u}) {
+    const QuietCache cache({.region_size = 5, .page_size = page_size, .regions = 6});
+    for (UInt i = 0; i < cache.PageCount(); i++) {
+      Page* const page = cache.PageAt(i);
+      const ULong start = reinterpret_cast<ULong>(page);
+      for (const ULong offset : {ULong{88}, ULong{96}, ULong{page_size} - 8}) {
+        EXPECT_EQ(qxcache::PageOf(cache.get(), start + offset), page) << page_size;
+      }
+    }
+  }
+}
+
+}  // namespace
