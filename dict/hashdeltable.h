@@ -16,7 +16,8 @@
  *     }
  *     HashDelTableRemove(table, key, length, NULL);
  *
- * How long things stay good: an entry pointer until the next insertion, a heap offset until the next clean-up.
+ * How long things stay good: an entry pointer until the next insertion or clean-up, a heap offset until the next
+ * clean-up.
  * Clean-ups happen in `HashDelTableGrow`, `HashDelTableClear`, `HashDelTableMemRead` and, when keys have been removed
  * since the last one, in `HashDelTableIteratorInit`, `HashDelTableEnumerate` and `HashDelTableSelect`.
  *
@@ -27,8 +28,9 @@
  *
  * Callbacks get the caller's pointer of the call last, unchanged. They must not change the table that calls them
  * (`HashDelTableEnumerate`'s visitor may insert and remove), and must return: no exception, no jump. One that inserts,
- * removes or grows all the same loses the operation under way, never memory; one that clears, frees or reads into the
- * table takes the ground away from under it.
+ * removes or grows all the same may leave wrong answers behind (keys lost, or found after their removal), but leads no
+ * operation outside the table's memory; one that clears, frees or reads into the table takes the ground away from
+ * under it.
  *
  * Memory: blocks of the allocator, which ends the process with a message when memory runs out.
  *
@@ -144,13 +146,13 @@ QX_API HashDelTable* HashDelTableCopy(const HashDelTable* table);
  *
  * Tombstones count twice so that a table with many removals is cleaned up before its probes grow long: a null result
  * does not mean `HashDelTableFull`. `HashDelTableGrow` makes room in either case. An insertion that returns null
- * changes nothing, except that one refused by the value callback leaves up to 7 bytes of padding counted in
- * `t_data_used`.
+ * changes nothing, except that one refused by the value callback may have enlarged and moved the heap, and leaves up to
+ * 7 bytes of padding counted in `t_data_used`.
  *
  * Invalidates: an insertion may move the heap, and with it every entry pointer handed out before; offsets stay good.
- * Cost: one hash of the key; at full load about 2 probes for a key that is there, 3 for one that is not, if the hash
- * spreads, of which each may cost a cache miss in the slots and one in the heap. An insertion copies the key and now
- * and then enlarges the heap by half.
+ * Cost: one hash of the key; at full load about 2 probes for a key that is there, 4 for one that is not, if the hash
+ * spreads, of which each may cost a cache miss in the slots and one in the heap (the second probe is nearly always of
+ * the same slot). An insertion copies the key and now and then enlarges the heap by half.
  */
 QX_API UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset,
                                void* ptr);
@@ -178,7 +180,8 @@ QX_API Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt 
  *
  * When keys have been removed since the last clean-up, the live entries move to the front of the heap, in their old
  * order, and `t_data_used` shrinks; the heap's allocation stays. A new capacity above 1431655765 is refused: the table
- * stays as it was, after a message. A damaged capacity, one that the slots do not hold, counts as 10000 at most.
+ * stays as it was, after a message. A damaged capacity, one that the slots do not hold, counts as the number of slots
+ * or as 10000, whichever is more.
  *
  * Invalidates entry pointers and offsets when there was something to clean up, else nothing. Cost: one pass over the
  * slots and one over the heap, which moves what is alive; one hash and one slot a live key.

@@ -108,7 +108,9 @@ void HashDelTableMemWrite(HashDelTable* table, UByteArray* to) {
   UIntMemWrite(table->t_nkeys_max, to);
   UIntMemWrite(table->t_nkeys, to);
   UIntMemWrite(table->t_deleted, to);
-  for (UInt s = 0; s < table->t_nentries; s++) UIntMemWrite(table->t_entries[s], to);
+  UByte* const slots = to->t.elts + to->t.length;
+  for (size_t s = 0; s < table->t_nentries; s++) IO_MemPutLE4(slots + sizeof(UInt) * s, table->t_entries[s]);
+  to->t.length += static_cast<UInt>(sizeof(UInt) * table->t_nentries);
   UIntMemWrite(table->t_val_len, to);
   UByteMemWrite(table->t_key_size, to);
   BooleanMemWrite(table->t_selected, to);

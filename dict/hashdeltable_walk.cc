@@ -44,7 +44,7 @@ Boolean HashDelTableIteratorEnd(const HashDelTableIterator* it) { return heap::A
 UByte* HashDelTableIteratorGetValue(const HashDelTableIterator* it) { return it->t_hash->t_data + it->t_offset; }
 
 UInt HashDelTableIteratorGetKey(const HashDelTableIterator* it, const UByte** kLen) {
-  return heap::KeyOf(*it->t_hash, HashDelTableIteratorGetValue(it), kLen);
+  return heap::KeyAtOffset(*it->t_hash, it->t_offset, kLen);
 }
 
 void HashDelTableIteratorNext(HashDelTableIterator* it) {

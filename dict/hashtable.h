@@ -131,8 +131,8 @@ QX_API void HashTableFree(HashTable* table);
  *         grow (reported when the mapping fails; silent where the heap would pass the 0xFFFFFFF8 bytes that offsets
  *         reach)
  *
- * An insertion that returns null changes nothing, except that one refused by the value callback leaves up to 7 bytes of
- * padding counted in `t_data_used`.
+ * An insertion that returns null changes nothing, except that one refused by the value callback may have enlarged and
+ * moved the heap (entry pointers are then invalid), and leaves up to 7 bytes of padding counted in `t_data_used`.
  *
  * Invalidates: an insertion may move the heap, and with it every entry pointer handed out before; offsets stay good.
  * Cost: one hash of the key; at full load about 2 probes for a key that is there, 5 for one that is not, if the hash

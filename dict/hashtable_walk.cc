@@ -31,7 +31,7 @@ Boolean HashTableIteratorEnd(const HashTableIterator* it) { return heap::AtEnd(*
 UByte* HashTableIteratorGetValue(const HashTableIterator* it) { return it->t_hash->t_data + it->t_offset; }
 
 UInt HashTableIteratorGetKey(const HashTableIterator* it, const UByte** kLen) {
-  return heap::KeyOf(*it->t_hash, HashTableIteratorGetValue(it), kLen);
+  return heap::KeyAtOffset(*it->t_hash, it->t_offset, kLen);
 }
 
 void HashTableIteratorNext(HashTableIterator* it) {

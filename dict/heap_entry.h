@@ -123,13 +123,22 @@ bool AtEnd(const Table& table, size_t at) {
   return Next(table, at) == 0;
 }
 
+// The key of the entry at an offset; an empty one where no entry lies inside the heap.
+template <typename Table>
+UInt KeyAtOffset(const Table& table, size_t at, const UByte** bytes) {
+  const Key key = KeyAt(table, at);
+  *bytes = key.bytes != nullptr ? key.bytes : table.t_data + at;
+  return key.length;
+}
+
 // HashTableKey and its twin. An entry in the heap is read no further than the heap goes; a caller's copy of one as it
 // lies.
 template <typename Table>
 UInt KeyOf(const Table& table, const UByte* entry, const UByte** bytes) {
   const size_t at = reinterpret_cast<uintptr_t>(entry) - reinterpret_cast<uintptr_t>(table.t_data);
-  const Key key = at < table.t_data_size ? KeyAt(table, at) : DecodeKey(entry + table.t_val_len, table.t_key_size);
-  *bytes = key.bytes != nullptr ? key.bytes : entry;
+  if (at < table.t_data_size) return KeyAtOffset(table, at, bytes);
+  const Key key = DecodeKey(entry + table.t_val_len, table.t_key_size);
+  *bytes = key.bytes;
   return key.length;
 }
 

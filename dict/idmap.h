@@ -18,8 +18,8 @@
  *
  * Threads: none. A caller that shares a map locks around every call.
  *
- * Limits: 1431655765 pairs. Growth past it, where the number of slots leaves 32 bits, and memory that cannot be had end
- * the process with a message.
+ * Limits: 1431655765 pairs; by insertions alone, which double, 1342177280. Growth past it, where the number of slots
+ * leaves 32 bits, and memory that cannot be had end the process with a message.
  */
 #ifndef DICT_IDMAP_H
 #define DICT_IDMAP_H

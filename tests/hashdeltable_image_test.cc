@@ -346,6 +346,8 @@ void Exercise(HashDelTable* table, UInt seed) {
           HashDelTableIteratorGetKey(it, &bytes);
           look(HashDelTableIteratorGetValue(it), table);
         }
+        const UByte* none = nullptr;
+        HashDelTableIteratorGetKey(it, &none);  // at the end, where a heap may have no byte left
         HashDelTableIteratorFinalize(it);
         break;
       }
