@@ -1,9 +1,14 @@
-# qx_header_check(TARGET HEADER...): every public header compiles on its own, as C11 and as C++20, under our warnings.
+# qx_header_check(TARGET HEADER...): every public header compiles on its own, as C11 and as C++20, under our warnings; a
+# header with the suffix hpp as C++20 alone.
 function(qx_header_check target)
   set(sources)
   foreach(header IN LISTS ARGN)
     string(REPLACE "/" "_" name "${header}")
-    foreach(language c cc)
+    set(languages c cc)
+    if(header MATCHES "hpp$")
+      set(languages cc)
+    endif()
+    foreach(language IN LISTS languages)
       set(source "${CMAKE_CURRENT_BINARY_DIR}/header_check/${name}.${language}")
       file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${header}\"\n#include \"${header}\"\n\ntypedef int not_empty;\n")
       list(APPEND sources "${source}")

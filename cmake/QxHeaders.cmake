@@ -5,3 +5,6 @@ set(QXDICT_PUBLIC_HEADERS
   qxlib/array.h qxlib/channel.h qxlib/filemap.h qxlib/fingerprint.h qxlib/memory.h qxlib/message.h qxlib/misc.h
   qxlib/prime.h qxlib/sort.h qxlib/thread.h qxlib/types.h
   util/io.h util/io2.h)
+
+# The C++ face, for C++ alone.
+set(QXDICT_PUBLIC_CXX_HEADERS dict/qxdict.hpp)

@@ -17,7 +17,7 @@ install(TARGETS qxdict EXPORT qxdictTargets ${runtime})
 # libqxdict finds the base library beside itself, wherever that is.
 set_target_properties(qxdict PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-foreach(header IN LISTS QXDICT_PUBLIC_HEADERS)
+foreach(header IN LISTS QXDICT_PUBLIC_HEADERS QXDICT_PUBLIC_CXX_HEADERS)
   get_filename_component(directory "${header}" DIRECTORY)
   install(FILES "${PROJECT_SOURCE_DIR}/${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qxdict/${directory}"
           COMPONENT libqxdict-dev)

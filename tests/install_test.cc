@@ -88,9 +88,10 @@ support::TemporaryDirectory* InstallTest::work_ = nullptr;
 
 TEST_F(InstallTest, LaysDownHeadersLibrariesAndDescriptions) {
   const std::set<std::string> paths = Tree(Prefix());
-  for (const char* name : {"dict/hashdict.h", "dict/hashtable.h", "dict/hashdeltable.h", "dict/attrdict.h",
-                           "dict/idmap.h", "dict/rbdict.h", "dict/avldict.h", "dict/avlldict.h", "dict/qxcache.h",
-                           "dict/version.h", "qxlib/misc.h", "qxlib/types.h", "util/io.h", "util/io2.h"}) {
+  for (const char* name :
+       {"dict/hashdict.h", "dict/hashtable.h", "dict/hashdeltable.h", "dict/attrdict.h", "dict/idmap.h",
+        "dict/rbdict.h", "dict/avldict.h", "dict/avlldict.h", "dict/qxcache.h", "dict/version.h", "dict/qxdict.hpp",
+        "qxlib/misc.h", "qxlib/types.h", "util/io.h", "util/io2.h"}) {
     EXPECT_TRUE(paths.contains(std::string("include/qxdict/") + name)) << name;
   }
   for (const char* name : {"libqxdict.so", "libqxdict.so.1", "libqxdict.so.1.0.0", "libqxlib.so", "libqxlib.so.1",

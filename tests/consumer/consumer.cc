@@ -1,19 +1,9 @@
-// Uses every family from C++.
+// Uses the C functions and the C++ face from C++.
 
 #include <cstdio>
 #include <string>
 
-#include "dict/attrdict.h"
-#include "dict/avldict.h"
-#include "dict/avlldict.h"
-#include "dict/hashdeltable.h"
-#include "dict/hashdict.h"
-#include "dict/hashtable.h"
-#include "dict/idmap.h"
-#include "dict/qxcache.h"
-#include "dict/rbdict.h"
-#include "dict/version.h"
-#include "qxlib/misc.h"
+#include "dict/qxdict.hpp"
 #include "util/io.h"
 #include "util/io2.h"
 
@@ -32,10 +22,8 @@ int main() {
   const ULong hundred = QXAVLLDictFind(tree, 10, 0);
   QXAVLLDictDelete(tree);
 
-  Cache* cache = QXCacheNew(16 << 20);
-  const UByte* text = reinterpret_cast<const UByte*>("text");
-  const bool stored = QXCacheStore(cache, text, text, 4, ~0UL) != FALSE;
-  QXCacheDelete(cache);
+  qx::ObjectCache cache(16 << 20);
+  const bool stored = cache.Store("text", "text") && cache.Fetch("text") == "text";
 
   std::printf("C++ %s %u %lu %d %zu\n", QXDictVersion(), two, hundred, stored ? 1 : 0, sizeof(Page));
 }
