@@ -43,13 +43,75 @@ typedef struct Channel {
   const ChannelVirtual* device;  /**< the device in place of a descriptor, or null */
 } Channel;
 
+/**
+ * A new channel, unopened: for `ChannelOpenFile`, or to set its `device`.
+ *
+ * @param readTimeout   milliseconds that a read waits at most for a descriptor that has nothing yet; negative: for ever
+ * @param writeTimeout  the same for writes
+ * @return the channel, the caller's until `ChannelClose`. Memory that cannot be had ends the process with a message.
+ */
 QX_API Channel* ChannelNew(TimeMilliseconds readTimeout, TimeMilliseconds writeTimeout);
+
+/**
+ * Opens a file on an unopened channel: close-on-exec, and never on one of the descriptors 0 to 2.
+ *
+ * @param path  the file
+ * @param mode  "r": to read what is there; "w": to write it anew; "a": to write behind its end. The last two create a
+ *              missing file, readable and writable by all less the umask.
+ * @return whether it is open. FALSE, and the channel as it was: `errno` is EBUSY for a channel that is open, EINVAL for
+ *         another mode, EISDIR for a directory, else the system's.
+ */
 QX_API Boolean ChannelOpenFile(Channel* f, const char* path, const char* mode);
+
+/**
+ * Reads exactly `count` bytes. Short and interrupted reads go on.
+ *
+ * @param to     room for `count` bytes; on failure the beginning may have been written
+ * @param flags  0
+ * @return 0 when all were read; 1 at the end of the file (`errno` 0); -1 on an error, told by `errno` (ETIMEDOUT: the
+ *         time-out has passed). What was read in front of either is lost to later reads.
+ *
+ * Cost: a system call for each 11680 bytes, or for each `count` when that is more.
+ */
 QX_API Int ChannelReadBuf(Channel* f, void* to, size_t count, Int flags);
+
+/**
+ * Refills the input buffer when it is used up, and takes a byte.
+ *
+ * @param flags  0
+ * @return 0 to 255; -1 at the end of the file and on an error, as `ChannelReadBuf`
+ */
 QX_API int ChannelReadByte_(Channel* f, Int flags);
+
+/**
+ * Writes bytes, into the buffer or through it. Short and interrupted writes go on.
+ *
+ * @param from   may be null when `count` is 0
+ * @return FALSE on an error, told by `errno`, at this write or an earlier one: the first failure stays, nothing is
+ *         written after it, and every later write, flush, sync and the closing report it. TRUE does not say that the
+ *         bytes have arrived; `ChannelFlush` does.
+ */
 QX_API Boolean ChannelWriteBuf(Channel* f, const void* from, size_t count);
+
+/** Writes the output buffer out and empties it, also when that fails. @return FALSE as of `ChannelWriteBuf` */
 QX_API Boolean ChannelFlush(Channel* f);
+
+/**
+ * Flushes, and forces what was written to stable storage: the file, and the directory entry of one that the channel has
+ * created. Pipes, terminals and other devices without storage have nothing to force.
+ *
+ * @return FALSE as of `ChannelWriteBuf`; EBADF for an unopened channel, ENOTSUP for a device without `sync`. A failure
+ *         is never tried again: the system forgets what it could not write, and a second try would succeed.
+ */
 QX_API Boolean ChannelSync(Channel* f);
+
+/**
+ * Flushes, closes and frees the channel, whatever fails. Does not sync.
+ *
+ * @param f  null does nothing
+ * @return FALSE when anything on the way out has failed since the channel was opened, the closing included; `errno`
+ *         tells the first failure
+ */
 QX_API Boolean ChannelClose(Channel* f);
 
 QX_END_DECLS
