@@ -156,7 +156,8 @@ Handler HandlerGet() {
   return handler;
 }
 
-void Deliver(const QXMessageContext& context, Text* text) {
+// The context is a copy: a handler's own messages change the thread's.
+void Deliver(QXMessageContext context, Text* text) {
   const Handler to = HandlerGet();
   if (to.function != nullptr) {
     to.function(&context, text->c_str(), to.arg);

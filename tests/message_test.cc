@@ -148,6 +148,20 @@ TEST(MessageHandler, MayReportItself) {
   EXPECT_THAT(texts, ElementsAre("text", "text again", "text again again"));
 }
 
+TEST(MessageHandler, KeepsItsContextWhileItReportsFromElsewhere) {
+  static std::string function;
+  QXMessageHandlerSet(
+      [](const QXMessageContext* context, const char*, void*) {
+        QXSetMessageContext2_("dict/other", 1, "other", "Other", 2, FALSE);
+        function = context->function;
+      },
+      nullptr);
+  Context();
+  QXMessage_("text");
+  QXMessageHandlerSet(nullptr, nullptr);
+  EXPECT_EQ(function, "ExampleNew");
+}
+
 TEST(Message, AContextHoldsUntilTheNext) {
   Messages messages;
   Context();

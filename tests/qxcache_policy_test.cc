@@ -349,7 +349,7 @@ TEST_F(TrueAge, StoresOfValuesThatLiveForEverAreServed) {
     return refused;
   };
   EXPECT_LT(refused_of(QX_CACHE_TRUE_AGE), 10);  // all in the first fill, at whose end all pages get full at once
-  EXPECT_GT(refused_of(0), 1000);  // nothing is idle for a hundred generations: the cache is clogged
+  EXPECT_GT(refused_of(0), 1000);                // nothing is idle for a hundred generations: the cache is clogged
 }
 
 TEST_F(QXCacheRemoveTest, WhatWasRemovedIsGone) {
