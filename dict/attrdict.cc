@@ -77,12 +77,18 @@ void Release(AttrDict* adict) {
   UnAllocate_(adict, kModule, __LINE__);
 }
 
+// The path of one of the pair; false, with errno, when there is none.
+bool FormatName(Path* path, const char* dir, const char* name, const char* suffix) {
+  if (name == nullptr) {
+    errno = EINVAL;
+    return false;
+  }
+  return dir != nullptr ? Format(path, "%s/%s.%s", dir, name, suffix) : Format(path, "%s.%s", name, suffix);
+}
+
 // Opens one of the pair for writing. Null, with errno, on failure.
-qx::Stream OpenForWriting(const char* dir, const char* name, const char* suffix) {
-  Path path;
-  const bool fits =
-      dir != nullptr ? Format(&path, "%s/%s.%s", dir, name, suffix) : Format(&path, "%s.%s", name, suffix);
-  return fits ? qx::OpenStream(path.data(), "w") : nullptr;
+qx::Stream OpenForWriting(const char* dir, const char* name, const char* suffix, Path* path) {
+  return FormatName(path, dir, name, suffix) ? qx::OpenStream(path->data(), "w") : nullptr;
 }
 
 void NoteWriteError(AttrDict* adict) {
@@ -114,11 +120,14 @@ bool Close(FILE* f) {
   return fclose(f) == 0 && !failed;
 }
 
+// Makes the names of the pair stable, which may be new. A directory that cannot be read cannot be synced either.
+bool SyncNames(const AttrDict& adict) { return adict.a_directory < 0 || qx::SyncDirectory(adict.a_directory); }
+
 // Maps one of the pair. Null, with errno and *empty, on failure and when there is nothing to map.
 void* Map(const char* dir, const char* name, const char* suffix, size_t* size, Boolean* empty) {
   Path path;
   *empty = FALSE;
-  return Format(&path, "%s.%s", name, suffix) ? FileMapRead(dir, path.data(), size, empty) : nullptr;
+  return FormatName(&path, nullptr, name, suffix) ? FileMapRead(dir, path.data(), size, empty) : nullptr;
 }
 
 // The number of identifiers: the index's last word. An index of odd size has it at an odd place.
@@ -161,8 +170,9 @@ size_t Find(const AttrDict& adict, Id id) {
 
 AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
   AttrDict* adict = New();
-  qx::Stream idx = OpenForWriting(dir, name, kIndexSuffix);
-  qx::Stream dat = idx ? OpenForWriting(dir, name, kDataSuffix) : nullptr;
+  Path path;
+  qx::Stream idx = OpenForWriting(dir, name, kIndexSuffix, &path);
+  qx::Stream dat = idx ? OpenForWriting(dir, name, kDataSuffix, &path) : nullptr;
   if (!dat) {
     const ErrnoKeeper keeper;
     idx.reset();
@@ -172,6 +182,7 @@ AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
   adict->a_idx_file = idx.release();
   adict->a_dat_file = dat.release();
   adict->a_swap = swap;
+  adict->a_directory = qx::OpenDirectoryOf(path.data());
   return adict;
 }
 
@@ -194,12 +205,13 @@ Boolean AttrDictCommit(AttrDict* adict) {
   WriteUInt(adict, adict->a_size);
   bool whole = Close(adict->a_idx_file);
   if (whole) {
-    whole = Close(adict->a_dat_file);
-    if (!whole) NoteWriteError(adict);
+    whole = Close(adict->a_dat_file) && SyncNames(*adict);
   } else {
     NoteWriteError(adict);
     fclose(adict->a_dat_file);
   }
+  if (!whole) NoteWriteError(adict);
+  if (adict->a_directory >= 0) close(adict->a_directory);
   int error = adict->a_error;
   if (whole && adict->a_full) {
     whole = false;

@@ -44,6 +44,7 @@ typedef struct AttrDict {
   Boolean a_full;    /**< private, building: a string did not fit below 4 GiB */
   size_t a_roomy;    /**< private, reading: four records that start below this offset lie inside the data */
   int a_error;       /**< private, building: the `errno` of the first write that failed; 0 when none has */
+  int a_directory;   /**< private, building: the directory of the two files, to be synced, or -1 */
 } AttrDict;
 
 /**
@@ -62,7 +63,7 @@ typedef UInt (*AttrDictEnumerateFunction)(UByte* bytes, UInt length, void* ptr);
  * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
  * @param swap  true: write the index in the byte order opposite to this machine's
  * @return the dictionary being built, which `AttrDictCommit` releases; null, with `errno`, when a file cannot be opened
- *         and, with ENAMETOOLONG, when a path is too long
+ *         and, with ENAMETOOLONG, when a path is too long; EINVAL: `name` is null
  *
  * The index is opened first: when the data cannot be, the index is left behind, empty. Both files are close-on-exec,
  * and on none of the descriptors 0 to 2.
@@ -81,7 +82,8 @@ QX_API AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap);
 QX_API void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len);
 
 /**
- * Completes a dictionary: writes what is left, forces both files to stable storage, closes them.
+ * Completes a dictionary: writes what is left, forces both files to stable storage, closes them, and forces their names
+ * to stable storage too.
  *
  * @param adict  a dictionary being built (asserted: "adict != ((void *)0)", "adict->a_idx_file != ((void *)0)",
  *               "adict->a_dat_file != ((void *)0)"); released, whatever the result

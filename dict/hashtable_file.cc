@@ -161,7 +161,7 @@ Boolean HashTableWrite(const HashTable* table, const char* filename) {
   if (!WriteHeader(f.get(), *table)) return FALSE;
   if (!WriteItems(f.get(), table->t_entries, sizeof(UInt), table->t_entries_size) ||
       !WriteItems(f.get(), table->t_data, 1, table->t_data_size) || fflush(f.get()) != 0 ||
-      fsync(fileno(f.get())) != 0) {
+      fsync(fileno(f.get())) != 0 || !qx::SyncDirectoryOf(filename)) {
     QX_RETHROW("error writing %s", filename);
     QXErrorSave();
     f.reset();

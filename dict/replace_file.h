@@ -63,7 +63,7 @@ class Replacement {
   bool TakePlace() {
     if (rename(beside_, path_) != 0) return false;
     state_ = State::kRenamed;
-    return SyncDirectory();
+    return SyncDirectoryOf(path_);
   }
 
   bool renamed() const { return state_ == State::kRenamed; }
@@ -81,19 +81,6 @@ class Replacement {
     unlink(beside_);
     errno = error;
     state_ = State::kNone;
-  }
-
-  // The directory part of the path, taken from the name beside, which is no longer needed.
-  bool SyncDirectory() {
-    char* slash = strrchr(beside_, '/');
-    const char* directory = slash == nullptr ? "." : slash == beside_ ? "/" : beside_;
-    if (slash != nullptr) *slash = '\0';
-    const int fd = OpenDescriptor(directory, O_RDONLY | O_DIRECTORY);
-    if (fd < 0) return false;
-    // Some file systems cannot sync a directory, and say so: nothing is left to do there.
-    const bool synced = fsync(fd) == 0 || errno == EINVAL || errno == EROFS;
-    CloseKeepingErrno(fd);
-    return synced;
   }
 
   const char* path_;

@@ -148,17 +148,6 @@ size_t TakeBuffered(Channel* f, UByte* to, size_t count) {
   return taken;
 }
 
-// Opens the directory that holds the file, wherever links on the path lead; -1 when it cannot be read.
-int OpenDirectoryOf(const char* path) {
-  char* resolved = realpath(path, nullptr);
-  if (resolved == nullptr) return -1;
-  char* slash = strrchr(resolved, '/');
-  slash[slash == resolved ? 1 : 0] = '\0';
-  const int directory = qx::OpenDescriptor(resolved, O_RDONLY | O_DIRECTORY);
-  free(resolved);
-  return directory;
-}
-
 void CloseDirectory(Channel* f) {
   if (f->directory >= 0) qx::CloseKeepingErrno(f->directory);
   f->directory = -1;
@@ -283,7 +272,7 @@ Boolean ChannelOpenFile(Channel* f, const char* path, const char* mode) {
   f->outSize = 0;
   f->error = 0;
   f->created = created ? TRUE : FALSE;
-  f->directory = created ? OpenDirectoryOf(path) : -1;
+  f->directory = created ? qx::OpenDirectoryOf(path) : -1;
   return TRUE;
 }
 

@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 namespace qx {
 
@@ -60,6 +62,31 @@ inline int OpenDescriptor(const char* path, int flags) {
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
   CloseKeepingErrno(fd);
   return moved;
+}
+
+// Opens the directory that holds a file that is there, wherever links on the path lead. -1, with errno, on failure.
+inline int OpenDirectoryOf(const char* path) {
+  char* const resolved = realpath(path, nullptr);
+  if (resolved == nullptr) return -1;
+  char* const slash = strrchr(resolved, '/');
+  slash[slash == resolved ? 1 : 0] = '\0';
+  const int directory = OpenDescriptor(resolved, O_RDONLY | O_DIRECTORY);
+  const int error = errno;
+  free(resolved);
+  errno = error;
+  return directory;
+}
+
+// Makes the names in a directory stable. Some file systems cannot do that, and say so: nothing is left to do there.
+inline bool SyncDirectory(int directory) { return fsync(directory) == 0 || errno == EINVAL || errno == EROFS; }
+
+// Makes the name of a file stable. A directory that cannot be read cannot be synced either.
+inline bool SyncDirectoryOf(const char* path) {
+  const int directory = OpenDirectoryOf(path);
+  if (directory < 0) return true;
+  const bool synced = SyncDirectory(directory);
+  CloseKeepingErrno(directory);
+  return synced;
 }
 
 }  // namespace qx
