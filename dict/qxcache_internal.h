@@ -131,6 +131,14 @@ class Lock {
   Mutex* mutex_;
 };
 
+// A test that decides at every lock which thread goes on compiles the cache with QX_CACHE_SCHEDULES and defines this:
+// it returns when the calling thread may go on, and, if it is to wait, the mutex is free. Elsewhere nothing.
+#ifdef QX_CACHE_SCHEDULES
+void AtLock(Mutex* mutex, bool wait);
+#else
+inline void AtLock(Mutex*, bool) {}
+#endif
+
 // Debug builds: the calling thread holds the mutex, or the process ends. Elsewhere nothing.
 #ifdef QX_DEBUG_CHECKS
 void CheckHeld(const Mutex* mutex);

@@ -70,12 +70,14 @@ void CheckHeld(const Mutex* mutex) {
 
 void MutexLock(Mutex* mutex, LockRank rank) {
   CheckOrder(rank);
+  AtLock(mutex, true);
   if (const int error = pthread_mutex_lock(mutex); error != 0) LockFailed(error);
   Note(mutex, rank);
 }
 
 bool MutexTryLock(Mutex* mutex, LockRank rank) {
   CheckOrder(rank);
+  AtLock(mutex, false);
   const int error = pthread_mutex_trylock(mutex);
   if (error == EBUSY) return false;
   if (error != 0) LockFailed(error);
