@@ -23,6 +23,7 @@
 #include "dict/hashdeltable_internal.h"
 #include "dict/heap_entry.h"
 #include "dict/report.h"
+#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 
 static_assert(offsetof(HashDelTable, t_data) == 24 && offsetof(HashDelTable, t_entries) == 32);
@@ -113,11 +114,10 @@ struct Place {
 
 constexpr UInt kNoSlot = 0xFFFFFFFF;
 
-Place Search(const HashDelTable& table, UInt hash, const heap::KeyGiven<HashDelTable>& key, UInt len, void* ptr) {
+// Looks for a key, slot after slot of its way.
+Place SearchSlots(const HashDelTable& table, UInt start, const heap::KeyGiven<HashDelTable>& key, UInt len, void* ptr) {
   const UInt slots = table.t_nentries;
-  if (slots < kFewestSlots) [[unlikely]]
-    return {kNoSlot, heap::kEmptySlot};
-  Probe probe(slots, StartSlot(table, hash));
+  Probe probe(slots, start);
   do {
     const UInt offset = table.t_entries[probe.slot()];
     if (offset == heap::kEmptySlot) return {probe.slot(), heap::kEmptySlot};
@@ -128,14 +128,47 @@ Place Search(const HashDelTable& table, UInt hash, const heap::KeyGiven<HashDelT
   return {kNoSlot, heap::kEmptySlot};
 }
 
+// The same by the tags: a slot whose tag is another is not looked at.
+Place SearchTags(const HashDelTable& table, UInt start, UByte tag, const UByte* bytes, UInt len) {
+  Probe probe(table.t_nentries, start);
+  do {
+    const UByte seen = table.t_tags[probe.slot()];
+    if (seen == tags::kEmpty) return {probe.slot(), heap::kEmptySlot};
+    if (seen != tag) continue;
+    const UInt offset = table.t_entries[probe.slot()];
+    if (heap::Matches(table, offset, bytes, len, nullptr)) return {probe.slot(), offset};
+  } while (probe.Next());
+  return {kNoSlot, heap::kEmptySlot};
+}
+
+Place Search(const HashDelTable& table, UInt hash, const heap::KeyGiven<HashDelTable>& key, UInt len, void* ptr) {
+  if (table.t_nentries < kFewestSlots) [[unlikely]]
+    return {kNoSlot, heap::kEmptySlot};
+  const UInt start = StartSlot(table, hash);
+  if (table.t_tags == nullptr) return SearchSlots(table, start, key, len, ptr);
+  __builtin_prefetch(table.t_entries + start);
+  return SearchTags(table, start, tags::Of(hash), key.bytes(), len);
+}
+
 // The first empty slot on the way of a hash that starts at `start`, or kNoSlot.
 UInt EmptySlotFrom(const HashDelTable& table, UInt start) {
   if (table.t_nentries < kFewestSlots || start >= table.t_nentries) return kNoSlot;
   Probe probe(table.t_nentries, start);
   do {
-    if (table.t_entries[probe.slot()] == heap::kEmptySlot) return probe.slot();
+    const UInt slot = probe.slot();
+    if (table.t_tags != nullptr ? table.t_tags[slot] == tags::kEmpty : table.t_entries[slot] == heap::kEmptySlot) {
+      return slot;
+    }
   } while (probe.Next());
   return kNoSlot;
+}
+
+// Stores an entry's offset in a slot; false when there is no such slot.
+bool Occupy(HashDelTable* table, UInt slot, UInt offset, UInt hash) {
+  if (slot == kNoSlot) return false;
+  table->t_entries[slot] = offset;
+  if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_nentries, slot, tags::Of(hash));
+  return true;
 }
 
 // Whether a slot still holds what a search found there. A callback may have changed the table since.
@@ -143,7 +176,10 @@ bool Holds(const HashDelTable& table, UInt slot, UInt value) {
   return slot < table.t_nentries && table.t_entries[slot] == value;
 }
 
-void EmptySlots(HashDelTable* table) { std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_nentries); }
+void EmptySlots(HashDelTable* table) {
+  std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_nentries);
+  tags::Reset(table, table->t_nentries, kModule);
+}
 
 // The capacity as far as it can be believed: an image may claim any.
 UInt CredibleCapacity(const HashDelTable& table) {
@@ -261,13 +297,12 @@ void Rebuild(HashDelTable* table, UInt capacity, void* ptr) {
   NoteSlotCount(table);
   EmptySlots(table);
   heap::Rehash(
-      *table, table->t_entries, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
-      [&](UInt start, UInt offset) {
-        const UInt slot = EmptySlotFrom(*table, start);
-        if (slot == kNoSlot) return false;
-        table->t_entries[slot] = offset;
-        return true;
-      });
+      *table, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
+      [&](UInt slot) {
+        if (table->t_tags != nullptr) __builtin_prefetch(table->t_tags + slot);
+        __builtin_prefetch(table->t_entries + slot, 1);
+      },
+      [&](UInt start, UInt offset, UInt hash) { return Occupy(table, EmptySlotFrom(*table, start), offset, hash); });
 }
 
 }  // namespace
@@ -316,6 +351,7 @@ HashDelTable* HashDelTableNew(UInt capacity, HashKeyFunction hash, HashValueFunc
 void HashDelTableFree(HashDelTable* table) {
   UnAllocate_(table->t_data, kModule, __LINE__);
   UnAllocate_(table->t_entries, kModule, __LINE__);
+  tags::Drop(table, kModule);
   UnAllocate_(table, kModule, __LINE__);
 }
 
@@ -324,6 +360,7 @@ void HashDelTableClear(HashDelTable* table) {
   if (table->t_nentries > kSmallTable || !holds_capacity) {
     UnAllocate_(table->t_entries, kModule, __LINE__);
     UnAllocate_(table->t_data, kModule, __LINE__);
+    tags::Drop(table, kModule);
     HashDelTableInit(table, heap::kMinimumCapacity, table->t_hash, table->t_value, table->t_equal, table->t_val_len,
                      table->t_key_size);
     return;
@@ -343,6 +380,7 @@ HashDelTable* HashDelTableCopy(const HashDelTable* table) {
   copy->t_entries = static_cast<UInt*>(Allocate_(slots_size, nullptr, kModule, __LINE__));
   std::memcpy(copy->t_data, table->t_data, table->t_data_size);
   std::memcpy(copy->t_entries, table->t_entries, slots_size);
+  tags::Duplicate(copy, copy->t_nentries, kModule);
   return copy;
 }
 
@@ -367,9 +405,8 @@ UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boole
   if (table->t_value != nullptr) {
     // The callback may have grown the table: the search is then made again, to the same slot if it has not.
     slot = EmptySlotFrom(*table, StartSlot(*table, hash));
-    if (slot == kNoSlot) return nullptr;
   }
-  table->t_entries[slot] = static_cast<UInt>(entry);
+  if (!Occupy(table, slot, static_cast<UInt>(entry), hash)) return nullptr;
   table->t_nkeys++;
   if (offset != nullptr) *offset = static_cast<UInt>(entry);
   return table->t_data + entry;
@@ -384,6 +421,7 @@ Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt len, vo
   table->t_deleted++;
   table->t_nkeys--;
   table->t_entries[place.slot] = kTombstone;
+  if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_nentries, place.slot, tags::kTombstone);
   return TRUE;
 }
 

@@ -72,6 +72,8 @@ typedef struct HashDelTable {
 
   UInt t_divisor;     /**< private: the slot count that `t_reciprocal` belongs to */
   ULong t_reciprocal; /**< private: divides a hash by the slot count */
+  UByte* t_tags;      /**< private: a byte of the hash for each slot, or null */
+  void* t_spare[2];   /**< private: room for later versions; null */
 } HashDelTable;
 
 /** A position in a heap walk; see `HashDelTableIteratorInit`. */

@@ -11,6 +11,7 @@
 #include "dict/hashdeltable.h"
 #include "dict/hashdeltable_internal.h"
 #include "dict/report.h"
+#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 #include "util/io.h"
 
@@ -87,6 +88,7 @@ bool SlotsMemRead(HashDelTable* table, UInt nentries, UByte** from, UByte* end) 
   if (BytesLeft(*from, end) / sizeof(UInt) < nentries) return Missing(from, end);
   table->t_entries = static_cast<UInt*>(Allocate_(sizeof(UInt) * nentries, table->t_entries, kModule, __LINE__));
   table->t_nentries = nentries;
+  tags::Drop(table, kModule);
   NoteSlotCount(table);
   for (size_t s = 0; s < nentries; s++) table->t_entries[s] = IO_MemGetLE4(*from + sizeof(UInt) * s);
   *from += sizeof(UInt) * nentries;

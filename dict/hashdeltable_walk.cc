@@ -16,6 +16,7 @@
 #include "dict/hashdeltable_internal.h"
 #include "dict/heap_entry.h"
 #include "dict/report.h"
+#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 
 using namespace hashdeltable;
@@ -68,6 +69,7 @@ UInt HashDelTableSelect(HashDelTable* table, UInt count, HashSelectFunction sele
   if (table->t_deleted != 0) HashDelTableNormalize(table, ptr);
   const UInt slots = table->t_selected ? Chosen(*table) : table->t_nentries;
   table->t_selected = TRUE;
+  tags::Drop(table, kModule);
   table->t_nkeys = heap::SelectInPlace(*table, slots, count, select, ptr);
   return table->t_nkeys;
 }

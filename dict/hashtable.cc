@@ -12,11 +12,14 @@
 #include "dict/hashtable.h"
 
 #include <atomic>
+#include <bit>
 #include <cstring>
 
 #include "dict/hashtable_internal.h"
 #include "dict/heap_entry.h"
+#include "dict/huge_pages.h"
 #include "dict/report.h"
+#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 
 static_assert(offsetof(HashTable, t_data) == 24 && offsetof(HashTable, t_entries) == 32);
@@ -34,6 +37,7 @@ void* HashMalloc(const HashTable* table, size_t size, size_t nsize) {
   if (!table->t_vm) return Allocate_(bytes, nullptr, kModule, __LINE__);
   void* block = MemoryMap_(bytes, kModule, __LINE__);
   if (block == nullptr) QX_MESSAGE(qx::kFailure, TRUE, ":hashtable: memory allocation failed: size=%lu", bytes);
+  qx::AdviseHugePages(block, bytes);
   return block;
 }
 
@@ -45,6 +49,7 @@ void* HashRealloc(const HashTable* table, size_t size, void* ptr, size_t osize, 
   void* block =
       ptr != nullptr ? MemoryRemap_(ptr, size * osize, bytes, kModule, __LINE__) : MemoryMap_(bytes, kModule, __LINE__);
   if (block == nullptr) QX_MESSAGE(qx::kFailure, TRUE, ":hashtable: memory reallocation failed: size=%lu", bytes);
+  qx::AdviseHugePages(block, bytes);
   return block;
 }
 
@@ -60,6 +65,7 @@ void HashFree(const HashTable* table, size_t size, void* ptr, size_t osize) {
 void EmptySlots(HashTable* table) {
   if (table->t_entries_size == 0) return;
   std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_entries_size);
+  tags::Reset(table, table->t_entries_size, kModule);
 }
 
 void NoteSlotCount(HashTable* table) {
@@ -108,19 +114,79 @@ UInt StartSlot(const HashTable& table, UInt hash) {
   return table.t_entries_size != 0 ? hash % table.t_entries_size : 0;
 }
 
-// The first empty slot from s on, or kEmptySlot when all are taken.
+// Where a search ended: at the key's slot, or at the empty slot where the key is to be inserted.
+struct Place {
+  UInt slot;    // kNoSlot: there is none
+  UInt offset;  // kEmptySlot: the key is absent
+};
+
+constexpr UInt kNoSlot = 0xFFFFFFFF;
+constexpr Place kNowhere = {kNoSlot, heap::kEmptySlot};
+
+// Looks for a key, slot after slot from `s` on.
+Place SearchSlots(const HashTable& table, UInt s, const heap::KeyGiven<HashTable>& key, UInt len, void* ptr) {
+  const UInt slots = table.t_entries_size;
+  for (UInt left = slots; left != 0; left--) {  // a table from a file may have no empty slot for the search to end at
+    const UInt offset = table.t_entries[s];
+    if (offset == heap::kEmptySlot) return {s, heap::kEmptySlot};
+    if (heap::Matches(table, offset, key.bytes(), len, ptr)) return {s, offset};
+    if (table.t_entries_size != slots) [[unlikely]]  // the equality callback has grown the table
+      return kNowhere;
+    if (++s == slots) s = 0;
+  }
+  return kNowhere;
+}
+
+// The same by the tags, a group at a time; a slot whose tag is another is not looked at. `match(offset)` says whether
+// an entry is the one.
+template <typename Match>
+Place SearchTags(const HashTable& table, UInt s, UByte tag, Match match) {
+  const UInt slots = table.t_entries_size;
+  const auto wrapped = [slots](UInt slot) { return slot < slots ? slot : slot - slots; };
+  for (size_t seen = 0; seen < slots; seen += tags::kGroup) {
+    const tags::Group group(table.t_tags + s);
+    const UInt empty = group.Equal(tags::kEmpty);
+    // Only what lies in front of the first empty slot; all of the group when there is none.
+    for (UInt equal = group.Equal(tag) & (empty ^ (empty - 1)); equal != 0; equal &= equal - 1) {
+      const UInt slot = wrapped(s + static_cast<UInt>(std::countr_zero(equal)));
+      const UInt offset = table.t_entries[slot];
+      if (match(offset)) return {slot, offset};
+    }
+    if (empty != 0) return {wrapped(s + static_cast<UInt>(std::countr_zero(empty))), heap::kEmptySlot};
+    s = wrapped(s + tags::kGroup);
+  }
+  return kNowhere;
+}
+
+void Fetch(const HashTable& table, UInt s) {
+  if (table.t_tags != nullptr) __builtin_prefetch(table.t_tags + s);
+  __builtin_prefetch(table.t_entries + s);
+}
+
+Place Search(const HashTable& table, UInt hash, const heap::KeyGiven<HashTable>& key, UInt len, void* ptr) {
+  const UInt s = StartSlot(table, hash);
+  if (table.t_tags == nullptr) return SearchSlots(table, s, key, len, ptr);
+  __builtin_prefetch(table.t_entries + s);
+  const UByte* bytes = key.bytes();
+  return SearchTags(table, s, tags::Of(hash),
+                    [&](UInt offset) { return heap::Matches(table, offset, bytes, len, ptr); });
+}
+
+// The first empty slot from s on, or kNoSlot when all are taken.
 UInt EmptySlotFrom(const HashTable& table, UInt s) {
+  if (table.t_tags != nullptr) return SearchTags(table, s, tags::kEmpty, [](UInt) { return true; }).slot;
   for (UInt left = table.t_entries_size; left != 0; left--) {
     if (table.t_entries[s] == heap::kEmptySlot) return s;
     if (++s >= table.t_entries_size) s = 0;
   }
-  return heap::kEmptySlot;
+  return kNoSlot;
 }
 
 // Stores an entry's offset in a slot; false when there is no such slot.
-bool Occupy(HashTable* table, UInt s, UInt offset) {
-  if (s == heap::kEmptySlot) return false;
+bool Occupy(HashTable* table, UInt s, UInt offset, UInt hash) {
+  if (s == kNoSlot) return false;
   table->t_entries[s] = offset;
+  if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_entries_size, s, tags::Of(hash));
   return true;
 }
 
@@ -168,6 +234,7 @@ HashTable* HashTableNew(UInt capacity, HashKeyFunction hash, HashValueFunction v
 void HashTableFree(HashTable* table) {
   HashFree(table, 1, table->t_data, table->t_data_size);
   HashFree(table, sizeof(UInt), table->t_entries, table->t_entries_size);
+  tags::Drop(table, kModule);
   UnAllocate_(table, kModule, __LINE__);
 }
 
@@ -177,28 +244,19 @@ UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean cre
   QX_ASSERT(!table->t_selected);
   QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
 
-  const UInt slots = table->t_entries_size;
-  UInt s = StartSlot(*table, hash);
-  UInt left = slots;  // a table from a file may have no empty slot for the search to end at
-  for (; left != 0; left--) {
-    const UInt entry = table->t_entries[s];
-    if (entry == heap::kEmptySlot) break;
-    if (heap::Matches(*table, entry, key.bytes(), len, ptr)) {
-      if (offset != nullptr) *offset = entry;
-      return table->t_data + entry;
-    }
-    if (table->t_entries_size != slots) [[unlikely]]  // the equality callback has grown the table
-      return nullptr;
-    if (++s == slots) s = 0;
+  Place found = Search(*table, hash, key, len, ptr);
+  if (found.offset != heap::kEmptySlot) {
+    if (offset != nullptr) *offset = found.offset;
+    return table->t_data + found.offset;
   }
-  if (left == 0 || !create || HashTableFull(table)) return nullptr;
+  if (found.slot == kNoSlot || !create || HashTableFull(table)) return nullptr;
 
   size_t place;
   if (!heap::Append<HashTableTraits>(table, key.bytes(), len, ptr, &place)) return nullptr;
   // The value callback may have grown the table: the search is then made again, to the same slot if it has not.
-  if (table->t_value != nullptr) s = EmptySlotFrom(*table, StartSlot(*table, hash));
+  if (table->t_value != nullptr) found.slot = EmptySlotFrom(*table, StartSlot(*table, hash));
   const UInt entry = static_cast<UInt>(place);
-  if (!Occupy(table, s, entry)) return nullptr;
+  if (!Occupy(table, found.slot, entry, hash)) return nullptr;
   table->t_entries_used++;
   if (offset != nullptr) *offset = entry;
   return table->t_data + entry;
@@ -222,8 +280,8 @@ void HashTableGrow(HashTable* table, float factor, void* ptr) {
   NoteSlotCount(table);
   EmptySlots(table);
   heap::Rehash(
-      *table, table->t_entries, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
-      [&](UInt s, UInt entry) { return Occupy(table, EmptySlotFrom(*table, s), entry); });
+      *table, ptr, [&](UInt hash) { return StartSlot(*table, hash); }, [&](UInt s) { Fetch(*table, s); },
+      [&](UInt s, UInt entry, UInt hash) { return Occupy(table, EmptySlotFrom(*table, s), entry, hash); });
 }
 
 UInt HashTableKey(const HashTable* table, const UByte* val, const UByte** bytes) {

@@ -75,6 +75,7 @@ typedef struct HashTable {
 
   UInt t_divisor;     /**< private: the slot count that `t_reciprocal` belongs to */
   ULong t_reciprocal; /**< private: divides a hash by the slot count */
+  UByte* t_tags;      /**< private: a byte of the hash for each slot, or null */
 } HashTable;
 
 /** A position in a heap walk; see `HashTableIteratorInit`. */

@@ -24,7 +24,7 @@ void* HashRealloc(const HashTable* table, size_t size, void* ptr, size_t osize, 
 // Frees a block of osize elements; a null block is nothing to free.
 void HashFree(const HashTable* table, size_t size, void* ptr, size_t osize);
 
-// Makes every slot empty.
+// Makes every slot empty, and sees to the tags.
 void EmptySlots(HashTable* table);
 
 // Notes how to divide by the slot count; to be called whenever that changes.

@@ -15,6 +15,7 @@
 #include "dict/hashtable_internal.h"
 #include "dict/heap_entry.h"
 #include "dict/report.h"
+#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 
 using namespace hashtable;
@@ -57,6 +58,7 @@ void HashTableSort(HashTable* table, HashCompareFunction cmp, void* ptr, UIntArr
 
 UInt HashTableSelect(HashTable* table, UInt count, HashSelectFunction select, void* ptr, UIntArray* array) {
   const UInt slots = table->t_selected ? std::min(table->t_entries_used, table->t_entries_size) : table->t_entries_size;
+  tags::Drop(table, kModule);
   if (array == nullptr) {
     table->t_selected = TRUE;
     table->t_entries_used = heap::SelectInPlace(*table, slots, count, select, ptr);
@@ -82,6 +84,7 @@ HashTable* HashTableCopy(const HashTable* table) {
   auto* copy = static_cast<HashTable*>(Allocate_(sizeof(HashTable), nullptr, kModule, __LINE__));
   *copy = *table;
   copy->t_entries = nullptr;
+  tags::Duplicate(copy, copy->t_entries_size, kModule);
   copy->t_data = static_cast<UByte*>(HashMalloc(copy, 1, copy->t_data_size));
   if (copy->t_data != nullptr || copy->t_data_size == 0) {
     copy->t_entries = static_cast<UInt*>(HashMalloc(copy, sizeof(UInt), copy->t_entries_size));

@@ -240,14 +240,16 @@ bool Append(typename Traits::Table* table, const UByte* bytes, UInt len, void* p
   return true;
 }
 
-// Hashes every entry in heap order and places it. `locate(hash)` gives the slot to start at, which is fetched while the
-// next kAhead keys are hashed; `place(slot, offset)` stores the entry, and false ends the work: no slot is left.
-template <typename Table, typename Locate, typename Place>
-void Rehash(const Table& table, const UInt* slots, void* ptr, Locate locate, Place place) {
+// Hashes every entry in heap order and places it. `locate(hash)` gives the slot to start at; `fetch(slot)` asks for its
+// memory, which arrives while the next kAhead keys are hashed; `place(slot, offset, hash)` stores the entry, and false
+// ends the work: no slot is left.
+template <typename Table, typename Locate, typename Fetch, typename Place>
+void Rehash(const Table& table, void* ptr, Locate locate, Fetch fetch, Place place) {
   constexpr size_t kAhead = 32;
   struct {
     UInt slot;
     UInt offset;
+    UInt hash;
   } ring[kAhead];
   size_t hashed = 0;
   size_t placed = 0;
@@ -255,15 +257,17 @@ void Rehash(const Table& table, const UInt* slots, void* ptr, Locate locate, Pla
   for (size_t at = 0, next; at < used && (next = Next(table, at)) != 0; at = next) {
     if (hashed - placed == kAhead) {
       const auto& oldest = ring[placed++ % kAhead];
-      if (!place(oldest.slot, oldest.offset)) return;
+      if (!place(oldest.slot, oldest.offset, oldest.hash)) return;
     }
     const Key key = KeyAt(table, at);
-    auto& newest = ring[hashed++ % kAhead];
-    newest = {locate(Hash(table, key.bytes, key.length, ptr)), static_cast<UInt>(at)};
-    __builtin_prefetch(slots + newest.slot, 1);
+    const UInt hash = Hash(table, key.bytes, key.length, ptr);
+    const UInt slot = locate(hash);
+    fetch(slot);
+    ring[hashed++ % kAhead] = {slot, static_cast<UInt>(at), hash};
   }
   for (; placed < hashed; placed++) {
-    if (!place(ring[placed % kAhead].slot, ring[placed % kAhead].offset)) return;
+    const auto& oldest = ring[placed % kAhead];
+    if (!place(oldest.slot, oldest.offset, oldest.hash)) return;
   }
 }
 
