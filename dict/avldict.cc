@@ -5,6 +5,7 @@
 #include "dict/avldict.h"
 
 #include "dict/avl_tree.h"
+#include "dict/tree_reads.h"
 
 namespace {
 
@@ -82,3 +83,21 @@ Boolean QXAVLDictEnumerate(AVLDict* dict, Boolean reverse, AVLDictEnumerateFun f
 }
 
 void AVLCheck(AVLDict* dict) { avl::Check<AVLTraits>(dict); }
+
+AVLDictValue QXAVLDictFindShared(const AVLDict* dict, AVLDictKey v, AVLDictValue n) {
+  return tree::FindShared<AVLTraits>(dict, v, n);
+}
+
+void QXAVLDictFindMany(const AVLDict* dict, const AVLDictKey* keys, size_t count, AVLDictValue n,
+                       AVLDictValue* values) {
+  tree::FindMany<AVLTraits>(dict, keys, count, n, values);
+}
+
+Boolean QXAVLDictLowerBound(const AVLDict* dict, AVLDictKey v, AVLDictKey* key, AVLDictValue* value) {
+  return tree::LowerBound<AVLTraits>(dict, v, key, value);
+}
+
+Boolean QXAVLDictEnumerateRange(AVLDict* dict, AVLDictKey lo, AVLDictKey hi, Boolean reverse, AVLDictEnumerateFun fun,
+                                void* arg) {
+  return tree::EnumerateRange<AVLTraits>(dict, lo, hi, reverse, fun, arg);
+}

@@ -14,13 +14,15 @@
  * Clear or Delete. Lookups and replacing the value of a present key leave it valid.
  *
  * Threads: none. Every function writes to the dictionary, lookups included (they leave the searched key in node 0), so
- * not even two readers may use one dictionary at once.
+ * not even two readers may use one dictionary at once. The additions at the end of this file are for readers that do.
  *
  * Limits: keys and nodes are counted in 31 bits. An insertion that would need more, or for which memory cannot be had,
  * reports it (":memory reallocation failed: size=%lu") and ends the process; the dictionary has no state without it.
  */
 #ifndef DICT_AVLDICT_H
 #define DICT_AVLDICT_H
+
+#include <stddef.h>
 
 #include "qxlib/types.h"
 
@@ -156,6 +158,64 @@ QX_API Boolean QXAVLDictEnumerate(AVLDict* dict, Boolean reverse, AVLDictEnumera
  * an assertion at the first node that is wrong. Does not look at the keys. Cost: linear.
  */
 QX_API void AVLCheck(AVLDict* dict);
+
+/*
+ * Additions since 1.0. None of these writes to the dictionary, so any number of them may run at once, in any threads,
+ * while no other function works on it.
+ */
+
+/**
+ * Looks a key up as `QXAVLDictFind` does, without writing to the dictionary. An addition since 1.0.
+ *
+ * AVLparam v  the key
+ * AVLparam n  the caller's marker for an absent key
+ * AVLreturn the value stored under `v`, or `n`
+ *
+ * Threads: may run beside itself and the other additions. Cost: that of `QXAVLDictFind` and a little more.
+ */
+QX_API AVLDictValue QXAVLDictFindShared(const AVLDict* dict, AVLDictKey v, AVLDictValue n);
+
+/**
+ * Looks many keys up. An addition since 1.0.
+ *
+ * AVLparam keys    `count` keys, in any order, repeated or not
+ * AVLparam count   how many; 0 is allowed
+ * AVLparam n       the caller's marker for absent keys
+ * AVLparam values  receives for each key, at its place, what `QXAVLDictFindShared` gives; may be the array of keys
+ *                itself, must not overlap it otherwise
+ *
+ * Threads: as for `QXAVLDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
+ * searches wait for memory at the same time.
+ */
+QX_API void QXAVLDictFindMany(const AVLDict* dict, const AVLDictKey* keys, size_t count, AVLDictValue n,
+                              AVLDictValue* values);
+
+/**
+ * Finds the least key that is not below another. An addition since 1.0.
+ *
+ * AVLparam v      the key to start from, the answer itself when it is there
+ * AVLparam key    receives the key that was found; may be null
+ * AVLparam value  receives its value; may be null
+ * AVLreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ *
+ * Threads: as for `QXAVLDictFindShared`. Cost: one descent.
+ */
+QX_API Boolean QXAVLDictLowerBound(const AVLDict* dict, AVLDictKey v, AVLDictKey* key, AVLDictValue* value);
+
+/**
+ * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
+ * since 1.0.
+ *
+ * AVLparam lo       the least key of the range; need not be there
+ * AVLparam hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * AVLparam reverse  true: in decreasing order
+ * AVLparam fun      as for `QXAVLDictEnumerate`
+ * AVLreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ *
+ * Threads: as for `QXAVLDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
+ */
+QX_API Boolean QXAVLDictEnumerateRange(AVLDict* dict, AVLDictKey lo, AVLDictKey hi, Boolean reverse,
+                                       AVLDictEnumerateFun fun, void* arg);
 
 QX_END_DECLS
 

@@ -5,6 +5,7 @@
 #include "dict/avlldict.h"
 
 #include "dict/avl_tree.h"
+#include "dict/tree_reads.h"
 
 namespace {
 
@@ -85,3 +86,21 @@ Boolean QXAVLLDictEnumerate(AVLLDict* dict, Boolean reverse, AVLLDictEnumerateFu
 }
 
 void AVLLCheck(AVLLDict* dict) { avl::Check<AVLLTraits>(dict); }
+
+AVLLDictValue QXAVLLDictFindShared(const AVLLDict* dict, AVLLDictKey v, AVLLDictValue n) {
+  return tree::FindShared<AVLLTraits>(dict, v, n);
+}
+
+void QXAVLLDictFindMany(const AVLLDict* dict, const AVLLDictKey* keys, size_t count, AVLLDictValue n,
+                        AVLLDictValue* values) {
+  tree::FindMany<AVLLTraits>(dict, keys, count, n, values);
+}
+
+Boolean QXAVLLDictLowerBound(const AVLLDict* dict, AVLLDictKey v, AVLLDictKey* key, AVLLDictValue* value) {
+  return tree::LowerBound<AVLLTraits>(dict, v, key, value);
+}
+
+Boolean QXAVLLDictEnumerateRange(AVLLDict* dict, AVLLDictKey lo, AVLLDictKey hi, Boolean reverse,
+                                 AVLLDictEnumerateFun fun, void* arg) {
+  return tree::EnumerateRange<AVLLTraits>(dict, lo, hi, reverse, fun, arg);
+}

@@ -14,13 +14,15 @@
  * Clear or Delete. Lookups and replacing the value of a present key leave it valid.
  *
  * Threads: none. Every function writes to the dictionary, lookups included (they leave the searched key in node 0), so
- * not even two readers may use one dictionary at once.
+ * not even two readers may use one dictionary at once. The additions at the end of this file are for readers that do.
  *
  * Limits: keys and nodes are counted in 31 bits. An insertion that would need more, or for which memory cannot be had,
  * reports it (":memory reallocation failed: size=%lu") and ends the process; the dictionary has no state without it.
  */
 #ifndef DICT_AVLLDICT_H
 #define DICT_AVLLDICT_H
+
+#include <stddef.h>
 
 #include "qxlib/types.h"
 
@@ -154,6 +156,64 @@ QX_API Boolean QXAVLLDictEnumerate(AVLLDict* dict, Boolean reverse, AVLLDictEnum
  * an assertion at the first node that is wrong. Does not look at the keys. Cost: linear.
  */
 QX_API void AVLLCheck(AVLLDict* dict);
+
+/*
+ * Additions since 1.0. None of these writes to the dictionary, so any number of them may run at once, in any threads,
+ * while no other function works on it.
+ */
+
+/**
+ * Looks a key up as `QXAVLLDictFind` does, without writing to the dictionary. An addition since 1.0.
+ *
+ * AVLLparam v  the key
+ * AVLLparam n  the caller's marker for an absent key
+ * AVLLreturn the value stored under `v`, or `n`
+ *
+ * Threads: may run beside itself and the other additions. Cost: that of `QXAVLLDictFind` and a little more.
+ */
+QX_API AVLLDictValue QXAVLLDictFindShared(const AVLLDict* dict, AVLLDictKey v, AVLLDictValue n);
+
+/**
+ * Looks many keys up. An addition since 1.0.
+ *
+ * AVLLparam keys    `count` keys, in any order, repeated or not
+ * AVLLparam count   how many; 0 is allowed
+ * AVLLparam n       the caller's marker for absent keys
+ * AVLLparam values  receives for each key, at its place, what `QXAVLLDictFindShared` gives; may be the array of keys
+ *                itself, must not overlap it otherwise
+ *
+ * Threads: as for `QXAVLLDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
+ * searches wait for memory at the same time.
+ */
+QX_API void QXAVLLDictFindMany(const AVLLDict* dict, const AVLLDictKey* keys, size_t count, AVLLDictValue n,
+                               AVLLDictValue* values);
+
+/**
+ * Finds the least key that is not below another. An addition since 1.0.
+ *
+ * AVLLparam v      the key to start from, the answer itself when it is there
+ * AVLLparam key    receives the key that was found; may be null
+ * AVLLparam value  receives its value; may be null
+ * AVLLreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ *
+ * Threads: as for `QXAVLLDictFindShared`. Cost: one descent.
+ */
+QX_API Boolean QXAVLLDictLowerBound(const AVLLDict* dict, AVLLDictKey v, AVLLDictKey* key, AVLLDictValue* value);
+
+/**
+ * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
+ * since 1.0.
+ *
+ * AVLLparam lo       the least key of the range; need not be there
+ * AVLLparam hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * AVLLparam reverse  true: in decreasing order
+ * AVLLparam fun      as for `QXAVLLDictEnumerate`
+ * AVLLreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ *
+ * Threads: as for `QXAVLLDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
+ */
+QX_API Boolean QXAVLLDictEnumerateRange(AVLLDict* dict, AVLLDictKey lo, AVLLDictKey hi, Boolean reverse,
+                                        AVLLDictEnumerateFun fun, void* arg);
 
 QX_END_DECLS
 

@@ -24,6 +24,7 @@ struct IdTraits {
   static constexpr const char* kGetName = "IdMapGet";
   static constexpr const char* kFindName = "IdMapFind";
   static constexpr const char* kGrowName = "IdMapGrow";
+  static constexpr const char* kFindManyName = "IdMapFindMany";
   static constexpr const char* kFindText = "map != ((void *)0) && key != (((UInt) (2147483647 * 2U + 1U)) - 1)";
 };
 
@@ -39,6 +40,7 @@ struct RefTraits {
   static constexpr const char* kGetName = "RefMapGet";
   static constexpr const char* kFindName = "RefMapFind";
   static constexpr const char* kGrowName = "RefMapGrow";
+  static constexpr const char* kFindManyName = "RefMapFindMany";
   static constexpr const char* kFindText = "map != ((void *)0) && key != ((ULong) (9223372036854775807L * 2UL + 1UL))";
 };
 
@@ -83,3 +85,11 @@ ULong RefMapFind(RefMap* map, ULong key, ULong create, ULong update, Boolean* ad
 }
 
 void RefMapGrow(RefMap* map, UInt capacity) { int_map::Grow<RefTraits>(map, capacity); }
+
+void IdMapFindMany(const IdMap* map, const Id* keys, size_t count, Id* values) {
+  int_map::FindMany<IdTraits>(map, keys, count, values);
+}
+
+void RefMapFindMany(const RefMap* map, const ULong* keys, size_t count, ULong* values) {
+  int_map::FindMany<RefTraits>(map, keys, count, values);
+}

@@ -24,6 +24,8 @@
 #ifndef DICT_IDMAP_H
 #define DICT_IDMAP_H
 
+#include <stddef.h>
+
 #include "qxlib/types.h"
 
 QX_BEGIN_DECLS
@@ -146,6 +148,27 @@ QX_API ULong RefMapFind(RefMap* map, ULong key, ULong create, ULong update, Bool
 
 /** As `IdMapGrow`. */
 QX_API void RefMapGrow(RefMap* map, UInt capacity);
+
+/*
+ * Additions since 1.0.
+ */
+
+/**
+ * Looks many keys up, and neither inserts nor changes any. An addition since 1.0.
+ *
+ * @param map     not null (asserted: "map != ((void *)0)"). It is only read: any number of these look-ups may run at
+ *                once, while no other function works on the map.
+ * @param keys    `count` keys, in any order, repeated or not; none of them `IDMAP_NONE` (asserted as by `IdMapFind`)
+ * @param count   how many; 0 is allowed
+ * @param values  receives for each key, at its place, its value, or `IDMAP_NONE` when it is missing; may be the array
+ *                of keys itself, must not overlap it otherwise
+ *
+ * Cost: of a large map a fraction of the single look-ups', because several of them wait for memory at the same time.
+ */
+QX_API void IdMapFindMany(const IdMap* map, const Id* keys, size_t count, Id* values);
+
+/** As `IdMapFindMany`, with `REFMAP_NONE`. An addition since 1.0. */
+QX_API void RefMapFindMany(const RefMap* map, const ULong* keys, size_t count, ULong* values);
 
 QX_END_DECLS
 

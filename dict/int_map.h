@@ -25,6 +25,7 @@
 #ifndef DICT_INT_MAP_H
 #define DICT_INT_MAP_H
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -44,6 +45,7 @@ constexpr UInt kFirstCapacity = 10;
 constexpr UInt kMaxCapacity = ~UInt{0} / 3;  // the slots are counted by way of three times as many
 constexpr UInt kNoSlot = ~UInt{0};
 constexpr UInt kSweepShare = 4;  // from this part of the slots on, emptying all is quicker than emptying the used ones
+constexpr size_t kAhead = 24;    // keys whose slots are on their way from memory while many are looked up
 constexpr size_t kRing = 16;     // pairs whose new slots are on their way from memory while a map grows
 
 template <typename Entry>
@@ -289,6 +291,26 @@ typename T::Key Find(typename T::Map* map, typename T::Key key, typename T::Key 
     return entry.e_val;
   }
   return insert ? Insert<T>(map, home, s, key, create) : T::kNone;
+}
+
+// Looks many keys up: the value of each, or the marker. The slots of keys to come are fetched ahead.
+template <typename T>
+void FindMany(const typename T::Map* map, const typename T::Key* keys, size_t count, typename T::Key* values) {
+  QX_ASSERT_IN(T::kModule, T::kFindManyName, map != nullptr, "map != ((void *)0)");
+  const typename T::Entry* entries = map->m_entries;
+  const auto fetch = [map, entries](typename T::Key key) {
+    const typename T::Entry* home = entries + Home<T>(*map, key);
+    __builtin_prefetch(home);
+    __builtin_prefetch(home + kGroup<typename T::Entry> - 1);  // a group lies in two cache lines, as a rule
+  };
+  for (size_t i = 0; i < std::min(count, kAhead); i++) fetch(keys[i]);
+  for (size_t i = 0; i < count; i++) {
+    if (i + kAhead < count) fetch(keys[i + kAhead]);
+    const typename T::Key key = keys[i];
+    QX_ASSERT_IN(T::kModule, T::kFindManyName, key != T::kNone, T::kFindText);
+    const UInt s = ProbeEnd<T>(*map, key, Home<T>(*map, key), map->m_reach);
+    values[i] = s != kNoSlot && entries[s].e_key == key ? entries[s].e_val : T::kNone;
+  }
 }
 
 }  // namespace int_map

@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "dict/huge_pages.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
 
@@ -182,6 +183,7 @@ typename T::Dict* New(UInt capacity) {
     T::ReportMapping(ByteSize<T>(capacity));
     return nullptr;
   }
+  qx::AdviseHugePages(nodes, ByteSize<T>(capacity));
   auto* dict = static_cast<typename T::Dict*>(Allocate_(sizeof(typename T::Dict), nullptr, T::kModule, __LINE__));
   dict->d_nodes = static_cast<Node*>(nodes);
   dict->d_capacity = capacity;
@@ -208,6 +210,7 @@ void Grow(typename T::Dict* dict) {
     T::ReportGrowth(ByteSize<T>(capacity));
     QX_DIE_IN(T::kModule, "NodeNew", "no room for another key beside %u", dict->d_size);
   }
+  qx::AdviseHugePages(nodes, ByteSize<T>(capacity));
   dict->d_nodes = static_cast<typename T::Node*>(nodes);
   dict->d_capacity = capacity;
 }
@@ -260,19 +263,43 @@ typename T::Value Find(typename T::Dict* dict, typename T::Key v, typename T::Va
   return x != kSentinel ? dict->d_nodes[x].n_value : n;
 }
 
-// Walks the tree in order, the nodes on the `first` side of each before it, over a path of its own. The array is read
-// anew after every call.
+// Puts a node and those that come before it on the path: all that follow `first` links down from it. The nodes that the
+// walk goes to from there are asked for early: a step to a child waits for memory otherwise.
+template <typename T, Side first>
+void PushFirst(const typename T::Dict* dict, Index x, Path<T>* path) {
+  const typename T::Node* nodes = dict->d_nodes;
+  for (; x != 0; x = Child<first>(nodes[x])) {
+    __builtin_prefetch(&nodes[Child<Other(first)>(nodes[x])]);
+    path->Push(x);
+  }
+}
+
+// Goes on with a walk in order, the nodes on the `first` side of each before it, from the top of the path to where
+// `past` says that a key is past the end. The array is read anew after every call.
+template <typename T, Side first, typename Past, typename Fun>
+Boolean WalkOn(typename T::Dict* dict, Path<T>* path, Past past, Fun fun, void* arg) {
+  for (Index visited = 0; !path->Empty(); visited++) {
+    if (visited == dict->d_capacity) {
+      QX_DIE_IN(T::kModule, "Enumerate", "a walk meets more than %u nodes: the tree is damaged", visited);
+    }
+    const Index x = path->Pop();
+    const typename T::Node& node = dict->d_nodes[x];
+    if (past(node.n_key)) return TRUE;
+    // The child on the other side of the next node has arrived since that was pushed: its own first child is next.
+    const Index next = Child<Other(first)>(dict->d_nodes[path->Below(0)]);
+    __builtin_prefetch(&dict->d_nodes[Child<first>(dict->d_nodes[next])]);
+    if (!fun(dict, node.n_key, node.n_value, arg)) return FALSE;
+    PushFirst<T, first>(dict, Child<Other(first)>(dict->d_nodes[x]), path);
+  }
+  return TRUE;
+}
+
 template <typename T, Side first, typename Fun>
 Boolean Walk(typename T::Dict* dict, Fun fun, void* arg) {
   Path<T> path(dict);
-  Index x = Root(dict);
-  for (;;) {
-    for (; x != 0; x = Child<first>(dict->d_nodes[x])) path.Push(x);
-    if (path.Empty()) return TRUE;
-    x = path.Pop();
-    if (!fun(dict, dict->d_nodes[x].n_key, dict->d_nodes[x].n_value, arg)) return FALSE;
-    x = Child<Other(first)>(dict->d_nodes[x]);
-  }
+  PushFirst<T, first>(dict, Root(dict), &path);
+  return WalkOn<T, first>(
+      dict, &path, [](typename T::Key) { return false; }, fun, arg);
 }
 
 template <typename T, typename Fun>

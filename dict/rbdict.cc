@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "dict/node_tree.h"
+#include "dict/tree_reads.h"
 
 namespace {
 
@@ -271,4 +272,21 @@ Boolean QXRBDictEnumerate(RBDict* dict, Boolean reverse, RBDictEnumerateFun fun,
 void TreeCheck(RBDict* dict) {
   tree::CheckLimit limit{.slots = dict->d_capacity};
   TreeCheckRec(dict, tree::Root(dict), 0, &limit);
+}
+
+RBDictValue QXRBDictFindShared(const RBDict* dict, RBDictKey v, RBDictValue n) {
+  return tree::FindShared<RBTraits>(dict, v, n);
+}
+
+void QXRBDictFindMany(const RBDict* dict, const RBDictKey* keys, size_t count, RBDictValue n, RBDictValue* values) {
+  tree::FindMany<RBTraits>(dict, keys, count, n, values);
+}
+
+Boolean QXRBDictLowerBound(const RBDict* dict, RBDictKey v, RBDictKey* key, RBDictValue* value) {
+  return tree::LowerBound<RBTraits>(dict, v, key, value);
+}
+
+Boolean QXRBDictEnumerateRange(RBDict* dict, RBDictKey lo, RBDictKey hi, Boolean reverse, RBDictEnumerateFun fun,
+                               void* arg) {
+  return tree::EnumerateRange<RBTraits>(dict, lo, hi, reverse, fun, arg);
 }

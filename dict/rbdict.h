@@ -14,13 +14,15 @@
  * and Clear does not forget it.
  *
  * Threads: none. Every function writes to the dictionary, lookups included (they leave the searched key in node 0), so
- * not even two readers may use one dictionary at once.
+ * not even two readers may use one dictionary at once. The additions at the end of this file are for readers that do.
  *
  * Limits: nodes are counted in 31 bits. An insertion that would need more, or for which memory cannot be had, reports
  * it ("memory reallocation failed: size=%u") and ends the process.
  */
 #ifndef DICT_RBDICT_H
 #define DICT_RBDICT_H
+
+#include <stddef.h>
 
 #include "qxlib/types.h"
 
@@ -125,6 +127,64 @@ QX_API Boolean QXRBDictEnumerate(RBDict* dict, Boolean reverse, RBDictEnumerateF
  * assertion at the first node that is wrong. Does not look at the keys. Cost: linear.
  */
 QX_API void TreeCheck(RBDict* dict);
+
+/*
+ * Additions since 1.0. None of these writes to the dictionary, so any number of them may run at once, in any threads,
+ * while no other function works on it.
+ */
+
+/**
+ * Looks a key up as `QXRBDictFind` does, without writing to the dictionary. An addition since 1.0.
+ *
+ * RBparam v  the key
+ * RBparam n  the caller's marker for an absent key
+ * RBreturn the value stored under `v`, or `n`; `n` for key 0
+ *
+ * Threads: may run beside itself and the other additions. Cost: that of `QXRBDictFind` and a little more.
+ */
+QX_API RBDictValue QXRBDictFindShared(const RBDict* dict, RBDictKey v, RBDictValue n);
+
+/**
+ * Looks many keys up. An addition since 1.0.
+ *
+ * RBparam keys    `count` keys, in any order, repeated or not
+ * RBparam count   how many; 0 is allowed
+ * RBparam n       the caller's marker for absent keys
+ * RBparam values  receives for each key, at its place, what `QXRBDictFindShared` gives; may be the array of keys
+ *                itself, must not overlap it otherwise
+ *
+ * Threads: as for `QXRBDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
+ * searches wait for memory at the same time.
+ */
+QX_API void QXRBDictFindMany(const RBDict* dict, const RBDictKey* keys, size_t count, RBDictValue n,
+                             RBDictValue* values);
+
+/**
+ * Finds the least key that is not below another. An addition since 1.0.
+ *
+ * RBparam v      the key to start from, the answer itself when it is there
+ * RBparam key    receives the key that was found; may be null
+ * RBparam value  receives its value; may be null
+ * RBreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ *
+ * Threads: as for `QXRBDictFindShared`. Cost: one descent.
+ */
+QX_API Boolean QXRBDictLowerBound(const RBDict* dict, RBDictKey v, RBDictKey* key, RBDictValue* value);
+
+/**
+ * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
+ * since 1.0.
+ *
+ * RBparam lo       the least key of the range; need not be there
+ * RBparam hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * RBparam reverse  true: in decreasing order
+ * RBparam fun      as for `QXRBDictEnumerate`
+ * RBreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ *
+ * Threads: as for `QXRBDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
+ */
+QX_API Boolean QXRBDictEnumerateRange(RBDict* dict, RBDictKey lo, RBDictKey hi, Boolean reverse, RBDictEnumerateFun fun,
+                                      void* arg);
 
 QX_END_DECLS
 

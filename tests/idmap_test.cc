@@ -474,6 +474,61 @@ TYPED_TEST(IntMap, AgreesWithAnUnorderedMapOverManyOperations) {
   }
 }
 
+// Keys that share a remainder are stored one behind the other: as slow as a list, and right.
+TYPED_TEST(IntMap, HoldsKeysThatAllBelongToOneSlot) {
+  constexpr UInt kKeys = 20000;
+  OwnedMap<TypeParam> map;
+  TypeParam::Grow(map.get(), kKeys);
+  const UInt size = map->m_allocated;
+  ASSERT_EQ(size, 30011u);
+  for (UInt i = 0; i < kKeys; i++) map.Put(5 + size * i, i);
+  EXPECT_EQ(map->m_reach, kKeys - 1);
+  EXPECT_EQ(map.At(5), 0u);
+  EXPECT_EQ(map.At(5 + size * (kKeys - 1)), kKeys - 1);
+  EXPECT_EQ(map.At(5 + size * kKeys), TypeParam::kNone);
+}
+
+TYPED_TEST(IntMap, FindManyGivesEachKeysValueOrTheMarkerAtItsPlace) {
+  using Keys = std::vector<typename TypeParam::Key>;
+  OwnedMap<TypeParam> map;
+  map.Put(3, 30);
+  map.Put(20, 200);  // its home, too, is slot 3 of 17
+  map.Put(TypeParam::kGreatestKey, 0);
+  const Keys keys = {20, 3, 37, 3, TypeParam::kGreatestKey, 0};
+  Keys values(7, 77);
+  TypeParam::FindMany(map.get(), keys.data(), keys.size(), values.data());
+  EXPECT_EQ(values, (Keys{200, 30, TypeParam::kNone, 30, 0, TypeParam::kNone, 77}));
+  EXPECT_EQ(TypeParam::Size(map.get()), 3u);
+  TypeParam::FindMany(map.get(), nullptr, 0, nullptr);
+}
+
+TYPED_TEST(IntMap, FindManyTakesEveryNumberOfKeysAndMayAnswerInPlace) {
+  using K = typename TypeParam::Key;
+  OwnedMap<TypeParam> map;
+  for (K key = 0; key < 100; key++) map.Put(key * 34, key);
+  for (size_t count = 0; count < 90; count++) {
+    std::vector<K> keys;
+    for (K i = 0; i < count; i++) keys.push_back(i * 17);
+    TypeParam::FindMany(map.get(), keys.data(), keys.size(), keys.data());
+    for (K i = 0; i < count; i++) ASSERT_EQ(keys[i], i % 2 == 0 ? i / 2 : TypeParam::kNone) << count;
+  }
+}
+
+TYPED_TEST(IntMap, FindManyAgreesWithTheSingleLookUps) {
+  using K = typename TypeParam::Key;
+  OwnedMap<TypeParam> map;
+  uint64_t state = 5;
+  std::vector<K> keys;
+  for (int i = 0; i < 100000; i++) {
+    state = state * 6364136223846793005u + 1442695040888963407u;
+    keys.push_back(static_cast<K>(state >> 20 | 1));
+    if (i % 2 == 0) map.Put(keys.back(), static_cast<K>(i));
+  }
+  std::vector<K> values(keys.size());
+  TypeParam::FindMany(map.get(), keys.data(), keys.size(), values.data());
+  for (size_t i = 0; i < keys.size(); i++) ASSERT_EQ(values[i], map.At(keys[i]));
+}
+
 template <typename T>
 class IntMapDeathTest : public IntMap<T> {};
 
@@ -503,6 +558,15 @@ TYPED_TEST(IntMapDeathTest, TheMarkerAsAKey) {
   OwnedMap<TypeParam> map;
   EXPECT_ASSERTION(map.At(TypeParam::kNone), kModule, Function<TypeParam>("Find"), TypeParam::kFindText);
   EXPECT_ASSERTION(map.Put(TypeParam::kNone, 1), kModule, Function<TypeParam>("Find"), TypeParam::kFindText);
+}
+
+TYPED_TEST(IntMapDeathTest, AMissingMapOrTheMarkerAmongManyKeys) {
+  OwnedMap<TypeParam> map;
+  typename TypeParam::Key keys[] = {1, 2, TypeParam::kNone};
+  typename TypeParam::Key values[3];
+  EXPECT_ASSERTION(TypeParam::FindMany(nullptr, keys, 3, values), kModule, Function<TypeParam>("FindMany"), kNoMap);
+  EXPECT_ASSERTION(TypeParam::FindMany(map.get(), keys, 3, values), kModule, Function<TypeParam>("FindMany"),
+                   TypeParam::kFindText);
 }
 
 TYPED_TEST(IntMapDeathTest, AnIndexAtOrBeyondTheSize) {

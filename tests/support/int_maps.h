@@ -32,6 +32,7 @@ struct Ids {
   static constexpr auto Get = IdMapGet;
   static constexpr auto Find = IdMapFind;
   static constexpr auto Grow = IdMapGrow;
+  static constexpr auto FindMany = IdMapFindMany;
 };
 
 struct Refs {
@@ -49,6 +50,7 @@ struct Refs {
   static constexpr auto Get = RefMapGet;
   static constexpr auto Find = RefMapFind;
   static constexpr auto Grow = RefMapGrow;
+  static constexpr auto FindMany = RefMapFindMany;
 };
 
 // A map that is deleted with its name.

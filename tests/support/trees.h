@@ -46,6 +46,10 @@ struct Avll {
   static constexpr auto ValueInsert = QXAVLLDictValueInsert;
   static constexpr auto Remove = QXAVLLDictRemove;
   static constexpr auto Enumerate = QXAVLLDictEnumerate;
+  static constexpr auto FindShared = QXAVLLDictFindShared;
+  static constexpr auto FindMany = QXAVLLDictFindMany;
+  static constexpr auto LowerBound = QXAVLLDictLowerBound;
+  static constexpr auto EnumerateRange = QXAVLLDictEnumerateRange;
   static constexpr auto Check = AVLLCheck;
 };
 
@@ -75,6 +79,10 @@ struct Avl {
   static constexpr auto ValueInsert = QXAVLDictValueInsert;
   static constexpr auto Remove = QXAVLDictRemove;
   static constexpr auto Enumerate = QXAVLDictEnumerate;
+  static constexpr auto FindShared = QXAVLDictFindShared;
+  static constexpr auto FindMany = QXAVLDictFindMany;
+  static constexpr auto LowerBound = QXAVLDictLowerBound;
+  static constexpr auto EnumerateRange = QXAVLDictEnumerateRange;
   static constexpr auto Check = AVLCheck;
 };
 
@@ -102,6 +110,10 @@ struct Rb {
   static constexpr auto Insert = QXRBDictInsert;
   static constexpr auto Remove = QXRBDictRemove;
   static constexpr auto Enumerate = QXRBDictEnumerate;
+  static constexpr auto FindShared = QXRBDictFindShared;
+  static constexpr auto FindMany = QXRBDictFindMany;
+  static constexpr auto LowerBound = QXRBDictLowerBound;
+  static constexpr auto EnumerateRange = QXRBDictEnumerateRange;
   static constexpr auto Check = TreeCheck;
 };
 

@@ -1,0 +1,103 @@
+// Reading an ordered dictionary without writing to it.
+//
+// The searches of node_tree.h leave the searched key in the sentinel, so no two of them may run at once. These look for
+// the end of a descent at the link instead, and share a dictionary with any number of their kind while nobody inserts
+// or removes. For the sentinel as a node they rely on its links alone, which are 0.
+
+#ifndef DICT_TREE_READS_H
+#define DICT_TREE_READS_H
+
+#include "dict/node_tree.h"
+
+namespace tree {
+
+constexpr size_t kInFlight = 32;  // searches that go down together
+
+template <typename T>
+typename T::Value FindShared(const typename T::Dict* dict, typename T::Key v, typename T::Value n) {
+  const typename T::Node* nodes = dict->d_nodes;
+  Index x = Root(dict);
+  while (x != 0 && nodes[x].n_key != v) x = Toward(nodes[x], v);
+  return x != 0 ? nodes[x].n_value : n;
+}
+
+// Looks up to kInFlight keys up, a level of the tree at a time: what one search has to wait for is on its way while the
+// others step. A search that has ended stays where it is, at its key's node or at the sentinel.
+template <typename T>
+void FindTogether(const typename T::Dict* dict, const typename T::Key* keys, size_t count, typename T::Value n,
+                  typename T::Value* values) {
+  const typename T::Node* nodes = dict->d_nodes;
+  Index at[kInFlight];
+  std::fill_n(at, count, Root(dict));
+  Index moved;
+  do {
+    moved = 0;
+    for (size_t i = 0; i < count; i++) {
+      const typename T::Node& node = nodes[at[i]];
+      const Index next = node.n_key == keys[i] ? at[i] : Toward(node, keys[i]);
+      __builtin_prefetch(&nodes[next]);
+      moved |= next ^ at[i];
+      at[i] = next;
+    }
+  } while (moved != 0);
+  for (size_t i = 0; i < count; i++) values[i] = at[i] != 0 ? nodes[at[i]].n_value : n;
+}
+
+template <typename T>
+void FindMany(const typename T::Dict* dict, const typename T::Key* keys, size_t count, typename T::Value n,
+              typename T::Value* values) {
+  for (size_t done = 0; done < count; done += kInFlight) {
+    FindTogether<T>(dict, keys + done, std::min(count - done, kInFlight), n, values + done);
+  }
+}
+
+// Finds the least key that is not below v. Gives whether there is one.
+template <typename T>
+Boolean LowerBound(const typename T::Dict* dict, typename T::Key v, typename T::Key* key, typename T::Value* value) {
+  const typename T::Node* nodes = dict->d_nodes;
+  Index above = 0;  // the last node on the way whose key is above v
+  Index x = Root(dict);
+  while (x != 0 && nodes[x].n_key != v) {
+    above = v < nodes[x].n_key ? x : above;
+    x = Toward(nodes[x], v);
+  }
+  if (x == 0) x = above;
+  if (x == 0) return FALSE;
+  if (key != nullptr) *key = nodes[x].n_key;
+  if (value != nullptr) *value = nodes[x].n_value;
+  return TRUE;
+}
+
+// Whether a walk that visits the `first` side of a node before it comes to key a before it comes to b.
+template <Side first, typename Key>
+bool Precedes(Key a, Key b) {
+  return first == Side::kLeft ? a < b : b < a;
+}
+
+// Walks from one key to another, both included. They need not be there.
+template <typename T, Side first, typename Fun>
+Boolean WalkRange(typename T::Dict* dict, typename T::Key from, typename T::Key to, Fun fun, void* arg) {
+  Path<T> path(dict);
+  for (Index x = Root(dict); x != 0;) {
+    const typename T::Node& node = dict->d_nodes[x];
+    if (Precedes<first>(node.n_key, from)) {
+      x = Child<Other(first)>(node);
+    } else {
+      path.Push(x);
+      x = Child<first>(node);
+    }
+  }
+  return WalkOn<T, first>(
+      dict, &path, [to](typename T::Key key) { return Precedes<first>(to, key); }, fun, arg);
+}
+
+template <typename T, typename Fun>
+Boolean EnumerateRange(typename T::Dict* dict, typename T::Key lo, typename T::Key hi, Boolean reverse, Fun fun,
+                       void* arg) {
+  return reverse ? WalkRange<T, Side::kRight>(dict, hi, lo, fun, arg)
+                 : WalkRange<T, Side::kLeft>(dict, lo, hi, fun, arg);
+}
+
+}  // namespace tree
+
+#endif
