@@ -166,6 +166,26 @@ size_t Find(const AttrDict& adict, Id id) {
   return Inside(adict, record) ? record : kOutside;
 }
 
+// The words of the index for so many identifiers, its last one included.
+size_t IndexWords(UInt size) { return (size_t{size} + kGroup - 1) / kGroup + 1; }
+
+// The first thing wrong with a pair that is open; null when there is nothing.
+const char* Fault(const AttrDict& adict) {
+  const size_t words = adict.a_idx_size / sizeof(UInt);
+  if (adict.a_idx_size % sizeof(UInt) != 0) return "size of the index is no multiple of 4";
+  if (words != IndexWords(adict.a_size)) {
+    return words == IndexWords(__builtin_bswap32(adict.a_size)) ? "index is in the other byte order"
+                                                                : "size of the index is not its identifiers'";
+  }
+  size_t record = 0;
+  for (Id id = 0; id < adict.a_size; id++) {
+    if (id % kGroup == 0 && adict.a_idx[id / kGroup] != record) return "offset is not where its record starts";
+    if (!Inside(adict, record)) return "record is not inside the data";
+    record = Next(adict, record);
+  }
+  return record == adict.a_dat_size ? nullptr : "data go on behind the last record";
+}
+
 }  // namespace
 
 AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
@@ -275,4 +295,11 @@ Boolean AttrDictClose(AttrDict* adict) {
   if (adict->a_dat != nullptr && !FileUnmap(adict->a_dat, adict->a_dat_size)) released = FALSE;
   Release(adict);
   return released;
+}
+
+Boolean AttrDictCheck(const AttrDict* adict, const char** reason) {
+  const bool open = adict != nullptr && adict->a_idx != nullptr;
+  const char* const fault = open ? Fault(*adict) : "dictionary is not open for reading";
+  if (reason != nullptr) *reason = fault;
+  return fault == nullptr ? TRUE : FALSE;
 }

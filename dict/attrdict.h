@@ -148,6 +148,22 @@ QX_API UInt AttrDictEnumerate(const AttrDict* adict, Id startPoint, AttrDictEnum
  */
 QX_API Boolean AttrDictClose(AttrDict* adict);
 
+/* Additions. */
+
+/**
+ * Tells whether an open pair is one that `AttrDictCommit` could have completed, byte for byte: every identifier has its
+ * string, every offset is where its record starts, and neither file has a byte too few or too many. An addition since
+ * 1.0. Reading is safe without it; a caller that must tell a string that is not there from an empty one asks once,
+ * after opening a pair that came from elsewhere or whose writer may have died.
+ *
+ * @param adict   a dictionary from `AttrDictOpen`; null and one being built are not sound
+ * @param reason  receives a constant text that names the first thing wrong, or null when there is none; may be null
+ * @return TRUE when the pair is sound. The strings themselves can be any, so a changed byte inside one is not seen.
+ *
+ * Writes nothing and allocates nothing. Cost: one pass over both files.
+ */
+QX_API Boolean AttrDictCheck(const AttrDict* adict, const char** reason);
+
 QX_END_DECLS
 
 #endif

@@ -20,30 +20,13 @@
 namespace {
 
 using support::OpenAttrDict;
+using support::PairInMemory;
 using support::Visits;
 using Strings = std::vector<std::string>;
 
-// The pair under test, kept in memory.
-class DamagedPair {
- public:
-  DamagedPair() { support::faults::ServeFileMaps(&files_); }
-  ~DamagedPair() { support::faults::ServeFileMaps(nullptr); }
-  DamagedPair(const DamagedPair&) = delete;
-  DamagedPair& operator=(const DamagedPair&) = delete;
-
-  void Write(const std::string& idx, const std::string& dat) {
-    files_["d.idx"] = idx;
-    files_["d.dat"] = dat;
-  }
-  OpenAttrDict Open() const { return OpenAttrDict(AttrDictOpen("directory", "d")); }
-
- private:
-  std::map<std::string, std::string> files_;
-};
-
 class AttrDictDamage : public ::testing::Test {
  protected:
-  DamagedPair pair_;
+  PairInMemory pair_;
 };
 
 std::string Word(uint32_t word) { return {reinterpret_cast<const char*>(&word), sizeof word}; }
@@ -70,7 +53,7 @@ std::optional<size_t> Locate(const std::string& idx, const std::string& dat, uin
 std::string StringAt(const std::string& dat, size_t at) { return dat.substr(at, static_cast<uint8_t>(dat[at - 1])); }
 
 // Compares every operation on the pair with the rules. "" when all agree.
-std::string Compare(DamagedPair& pair, const std::string& idx, const std::string& dat) {
+std::string Compare(PairInMemory& pair, const std::string& idx, const std::string& dat) {
   pair.Write(idx, dat);
   const OpenAttrDict adict = pair.Open();
   if (adict == nullptr) return idx.empty() ? "" : "not opened";

@@ -2,12 +2,14 @@
 #ifndef TESTS_SUPPORT_ATTR_PAIRS_H
 #define TESTS_SUPPORT_ATTR_PAIRS_H
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "dict/attrdict.h"
 #include "support/files.h"
+#include "support/ledger.h"
 
 namespace support {
 
@@ -81,6 +83,24 @@ class AttrPair {
 
  private:
   TemporaryDirectory directory_;
+};
+
+// A pair that no file holds; while it lives, nothing else can be opened. Mappings end at protected pages.
+class PairInMemory {
+ public:
+  PairInMemory() { faults::ServeFileMaps(&files_); }
+  ~PairInMemory() { faults::ServeFileMaps(nullptr); }
+  PairInMemory(const PairInMemory&) = delete;
+  PairInMemory& operator=(const PairInMemory&) = delete;
+
+  void Write(const std::string& idx, const std::string& dat) {
+    files_["d.idx"] = idx;
+    files_["d.dat"] = dat;
+  }
+  OpenAttrDict Open() const { return OpenAttrDict(AttrDictOpen("directory", "d")); }
+
+ private:
+  std::map<std::string, std::string> files_;
 };
 
 // The strings of the golden pairs "attrdict-eleven", "attrdict-swapped" and "attrdict-many".
