@@ -2,9 +2,10 @@
 //
 // Every value says under which key it was stored, by whom, as his how-manieth, and carries a checksum over all of that
 // and its filling, so a fetched value is either one that was stored under that very key, whole, or the test fails. A
-// part of the values is filled with forged block headers that name other keys. Rounds are short: each begins with a new
-// cache of other parameters and ends with a check of everything that must hold in it. The seed of a round is printed
-// when it fails. QX_SOAK_SECONDS makes the soak longer.
+// part of the values is filled with forged block headers that name other keys. Where the newest store wins, nobody sees
+// a number of a thread and key lower than one that he has seen before; and nobody ever sees what he removed. Rounds are
+// short: each begins with a new cache of other parameters and policy and ends with a check of everything that must hold
+// in it. The seed of a round is printed when it fails. QX_SOAK_SECONDS makes the soak longer.
 
 #include <gtest/gtest.h>
 
@@ -64,19 +65,22 @@ uint32_t ChecksumOf(const std::vector<UByte>& value) {
 std::string KeyText(unsigned key) { return support::Numbered(std::string(key % 7, '-'), key); }
 
 struct Counts {
-  uint64_t stores = 0, refused = 0, hits = 0, misses = 0, too_small = 0;
+  uint64_t stores = 0, refused = 0, hits = 0, misses = 0, too_small = 0, removed = 0, older = 0;
   void operator+=(const Counts& other) {
     stores += other.stores;
     refused += other.refused;
     hits += other.hits;
     misses += other.misses;
     too_small += other.too_small;
+    removed += other.removed;
+    older += other.older;
   }
 };
 
 class Soak {
  public:
-  Soak(uint64_t seed, Cache* cache) : seed_(seed), cache_(cache) {
+  Soak(uint64_t seed, Cache* cache, UInt policy, bool removes)
+      : seed_(seed), cache_(cache), newest_wins_((policy & QX_CACHE_NEWEST_WINS) != 0), removes_(removes) {
     for (auto& of_thread : issued_) {
       for (auto& number : of_thread) number = 0;
     }
@@ -102,22 +106,40 @@ class Soak {
   }
 
  private:
+  // What a thread knows.
+  struct Known {
+    Counts counts;
+    uint64_t seen[kThreads][kKeys] = {};  // the highest number of each thread and key that it has seen
+    uint64_t removed[kKeys] = {};         // its own number under the key when it last removed that
+  };
+
   Counts Work(unsigned thread) {
     Random random(seed_ * 1000 + thread);
-    Counts counts;
+    const auto known = std::make_unique<Known>();
+    Counts& counts = known->counts;
     while (!stop_) {
       const unsigned key = random.Below(kKeys);
       if (random.Below(3) == 0) {
         Store(thread, key, &random, &counts);
       } else if (random.Below(2) == 0) {
-        FetchStatic(key, &random, &counts);
+        FetchStatic(thread, key, &random, known.get());
+      } else if (random.Below(2) == 0) {
+        FetchDynamic(thread, key, known.get());
       } else {
-        FetchDynamic(key, &counts);
+        Read(thread, key, known.get());
+      }
+      if (removes_ && random.Below(50) == 0) {
+        known->removed[key] = issued_[thread][key];
+        if (QXCacheRemove(cache_, support::Bytes(KeyText(key)))) counts.removed++;
       }
       if (random.Below(64) == 0) {
         UInt objects;
         ULong bytes;
         QXCacheGetSize(cache_, &objects, &bytes);
+        QXCacheStatistics statistics;
+        QXCacheStats(cache_, &statistics);
+        EXPECT_LE(statistics.s_free_pages + statistics.s_full_pages + statistics.s_lost_pages,
+                  ULong{cache_->c_regions.t.length} * cache_->c_region_size);
       }
     }
     return counts;
@@ -158,7 +180,8 @@ class Soak {
     }
   }
 
-  void Verify(unsigned key, const std::vector<UByte>& value) {
+  void Verify(unsigned thread, unsigned key, const std::vector<UByte>& value, Known* known) {
+    known->counts.hits++;
     ASSERT_GE(value.size(), sizeof(Head));
     Head head;
     std::memcpy(&head, value.data(), sizeof head);
@@ -167,41 +190,63 @@ class Soak {
     ASSERT_EQ(head.length, value.size());
     ASSERT_EQ(head.checksum, ChecksumOf(value));
     ASSERT_LE(head.number, issued_[head.thread][key]);
+    uint64_t& seen = known->seen[head.thread][key];
+    if (head.number < seen) {
+      known->counts.older++;
+      ASSERT_FALSE(newest_wins_) << "an older value came back";
+    }
+    seen = head.number;
+    if (head.thread == thread) {
+      ASSERT_GT(head.number, known->removed[key]) << "a removed value came back";
+    }
   }
 
-  void FetchStatic(unsigned key, Random* random, Counts* counts) {
+  void FetchStatic(unsigned thread, unsigned key, Random* random, Known* known) {
     std::vector<UByte> buffer(random->Below(1200));
     UInt size = 12345;
     if (QXCacheGetStatic(cache_, support::Bytes(KeyText(key)), buffer.data(), static_cast<UInt>(buffer.size()),
                          &size)) {
       ASSERT_LE(size, buffer.size());
       buffer.resize(size);
-      Verify(key, buffer);
-      counts->hits++;
+      Verify(thread, key, buffer, known);
     } else if (size == 0) {
-      counts->misses++;
+      known->counts.misses++;
     } else {
       ASSERT_GT(size, buffer.size());
       ASSERT_LE(size, sizeof(Head) + 900);
-      counts->too_small++;
+      known->counts.too_small++;
     }
   }
 
-  void FetchDynamic(unsigned key, Counts* counts) {
+  void FetchDynamic(unsigned thread, unsigned key, Known* known) {
     UByteArray array;
     ArrayInit_(&array.a);
     if (QXCacheGetDynamic(cache_, support::Bytes(KeyText(key)), &array)) {
-      Verify(key, {array.t.elts, array.t.elts + array.t.length});
-      counts->hits++;
+      Verify(thread, key, {array.t.elts, array.t.elts + array.t.length}, known);
     } else {
       ASSERT_EQ(array.t.length, 0u);
-      counts->misses++;
+      known->counts.misses++;
     }
     ArrayFree_(&array.a, "tests", __LINE__);
   }
 
+  void Read(unsigned thread, unsigned key, Known* known) {
+    std::vector<UByte> value;
+    const QXCacheReadFunction keep = [](const UByte* bytes, UInt size, void* arg) -> Boolean {
+      static_cast<std::vector<UByte>*>(arg)->assign(bytes, bytes + size);
+      return TRUE;
+    };
+    if (QXCacheRead(cache_, support::Bytes(KeyText(key)), keep, &value)) {
+      Verify(thread, key, value, known);
+    } else {
+      known->counts.misses++;
+    }
+  }
+
   const uint64_t seed_;
   Cache* const cache_;
+  const bool newest_wins_;
+  const bool removes_;
   std::atomic<bool> stop_{false};
   std::array<std::array<std::atomic<uint64_t>, kKeys>, kThreads> issued_;
 };
@@ -215,6 +260,7 @@ TEST(CacheSoak, EveryFetchedValueWasStoredUnderItsKey) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(SoakSeconds());
   Counts counts;
   size_t lost_pages = 0;
+  uint64_t moved = 0, dropped = 0, passes = 0;
   uint64_t rounds = 0;
   for (uint64_t seed = 1; std::chrono::steady_clock::now() < end && !HasFailure(); seed++, rounds++) {
     SCOPED_TRACE(support::Numbered("seed ", seed));
@@ -223,17 +269,36 @@ TEST(CacheSoak, EveryFetchedValueWasStoredUnderItsKey) {
     const UInt page_size = 1024u << random.Below(3);
     const double low = random.Below(101);
     const double high = low + random.Below(30);
+    const UInt policy = random.Below(8);
     Cache* const cache =
-        QXCacheNewWithParams(pages, page_size, 1.0, low, high, 1 + random.Below(5), ULong{pages} * page_size);
+        QXCacheNewWithPolicy(pages, page_size, 1.0, low, high, 1 + random.Below(5), ULong{pages} * page_size, policy);
     ASSERT_NE(cache, nullptr);
-    Soak soak(seed, cache);
-    counts += soak.Run(std::chrono::milliseconds(100));
+    Soak soak(seed, cache, policy, random.Below(2) != 0);
+    const Counts of_round = soak.Run(std::chrono::milliseconds(100));
+    counts += of_round;
     support::StopCollector(cache);
-    lost_pages += support::CheckCache(cache);
+    const size_t lost = support::CheckCache(cache);
+    QXCacheStatistics statistics;
+    QXCacheStats(cache, &statistics);
+    EXPECT_EQ(statistics.s_lost_pages, lost);
+    EXPECT_EQ(statistics.s_free_pages + statistics.s_full_pages + lost, pages);
+    EXPECT_EQ(statistics.s_stores, of_round.stores);
+    EXPECT_EQ(statistics.s_refused, of_round.refused);
+    EXPECT_EQ(statistics.s_hits, of_round.hits + of_round.too_small);
+    EXPECT_EQ(statistics.s_misses + statistics.s_expired, of_round.misses);
+    EXPECT_EQ(statistics.s_removed, of_round.removed);
+    EXPECT_TRUE(lost == 0 || (policy & QX_CACHE_KEEP_PAGES) == 0);
+    lost_pages += lost;
+    moved += statistics.s_moved;
+    dropped += statistics.s_dropped;
+    passes += statistics.s_passes;
     QXCacheDelete(cache);
   }
-  std::printf("rounds %lu, stores %lu, refused %lu, hits %lu, misses %lu, too small %lu, pages lost %zu\n", rounds,
-              counts.stores, counts.refused, counts.hits, counts.misses, counts.too_small, lost_pages);
+  std::printf(
+      "rounds %lu, stores %lu, refused %lu, hits %lu, misses %lu, too small %lu, removed %lu, older by default %lu\n"
+      "copy passes %lu, blocks moved %lu, dropped %lu, pages lost %zu\n",
+      rounds, counts.stores, counts.refused, counts.hits, counts.misses, counts.too_small, counts.removed, counts.older,
+      passes, moved, dropped, lost_pages);
   EXPECT_GT(counts.stores, 0u);
   EXPECT_GT(counts.hits, 0u);
   EXPECT_GT(counts.misses, 0u);
