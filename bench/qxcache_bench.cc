@@ -1,5 +1,5 @@
-// The cache beside other caches that live in one process: RocksDB's LRU cache, LevelDB's sharded LRU cache, and what
-// many write for themselves, a mutex around a hash map with a list in LRU order.
+// The cache beside other caches that live in one process: RocksDB's LRU cache and its lock-free clock cache, LevelDB's
+// sharded LRU cache, and what many write for themselves, a mutex around a hash map with a list in LRU order.
 //
 // Everybody copies values in and copies them out again, as ours does. The peers hold as many bytes of keys and values
 // as ours has memory. "hit" fetches keys that are all there, "mix" is 95 fetches to 5 stores of keys that are there.
@@ -70,9 +70,13 @@ class Ours {
   ULong lifetime_;
 };
 
-class RocksLRU {
+class Rocks {
  public:
-  explicit RocksLRU(size_t bytes) : cache_(rocksdb::NewLRUCache(bytes)) {}
+  static std::shared_ptr<rocksdb::Cache> Clock(size_t bytes, size_t entry) {
+    return rocksdb::HyperClockCacheOptions(bytes, entry).MakeSharedCache();
+  }
+
+  explicit Rocks(std::shared_ptr<rocksdb::Cache> cache) : cache_(std::move(cache)) {}
   bool Store(const std::string& key, const char* bytes, size_t size) {
     return cache_->Insert(key, MakeCopy(bytes, size), size + key.size(), &Delete).ok();
   }
@@ -234,7 +238,7 @@ template <typename Make>
 void Turn(duel::Sheet& sheet, const Input& input, Make make) {
   for (const size_t size : kSizes) {
     const std::string bytes = std::to_string(size) + " B ";
-    const auto cache = make(RoomFor(input.keys.size(), size));
+    const auto cache = make(RoomFor(input.keys.size(), size), size);
     sheet.Time((bytes + "store").c_str(), input.keys.size(),
                [&] { return StoreAll(*cache, input, input.orders[0], size); });
     for (const unsigned threads : ThreadCounts()) {
@@ -269,36 +273,42 @@ void TellHitRatio(duel::Sheet& sheet, const Input& input, Contender& cache) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  return duel::Main(argc, argv, "cache",
-                    [](duel::Duel& duel, size_t keys) {
-                      auto input = std::make_shared<Input>();
-                      input->keys = duel::Strings(keys, kKeyLength, kKeyLength, 1);
-                      for (unsigned t = 0; t < ThreadCounts().back(); t++)
-                        input->orders.push_back(duel::Shuffled(keys, t + 1));
-                      duel::Random random(3);
-                      input->bytes.resize(1024 * 8 + kSizes[2]);
-                      for (char& byte : input->bytes) byte = static_cast<char>(random());
+  return duel::Main(
+      argc, argv, "cache",
+      [](duel::Duel& duel, size_t keys) {
+        auto input = std::make_shared<Input>();
+        input->keys = duel::Strings(keys, kKeyLength, kKeyLength, 1);
+        for (unsigned t = 0; t < ThreadCounts().back(); t++) input->orders.push_back(duel::Shuffled(keys, t + 1));
+        duel::Random random(3);
+        input->bytes.resize(1024 * 8 + kSizes[2]);
+        for (char& byte : input->bytes) byte = static_cast<char>(random());
 
-                      duel.Contend("QXCache", [input, keys](duel::Sheet& sheet) {
-                        Turn(sheet, *input, [](size_t room) { return std::make_unique<Ours>(room, 60000, 0); });
-                        Ours small(SmallRoom(keys), 10, 0);
-                        TellHitRatio(sheet, *input, small);
-                      });
-                      duel.Contend("rocksdb::LRUCache", [input, keys](duel::Sheet& sheet) {
-                        Turn(sheet, *input, [](size_t room) { return std::make_unique<RocksLRU>(room); });
-                        RocksLRU small(SmallRoom(keys));
-                        TellHitRatio(sheet, *input, small);
-                      });
-                      duel.Contend("leveldb LRU", [input, keys](duel::Sheet& sheet) {
-                        Turn(sheet, *input, [](size_t room) { return std::make_unique<LevelLRU>(room); });
-                        LevelLRU small(SmallRoom(keys));
-                        TellHitRatio(sheet, *input, small);
-                      });
-                      duel.Contend("mutex+unordered_map", [input, keys](duel::Sheet& sheet) {
-                        Turn(sheet, *input, [](size_t room) { return std::make_unique<MutexMap>(room); });
-                        MutexMap small(SmallRoom(keys));
-                        TellHitRatio(sheet, *input, small);
-                      });
-                    },
-                    {4000, 100000});
+        duel.Contend("QXCache", [input, keys](duel::Sheet& sheet) {
+          Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<Ours>(room, 60000, 0); });
+          Ours small(SmallRoom(keys), 10, 0);
+          TellHitRatio(sheet, *input, small);
+        });
+        duel.Contend("rocksdb::LRUCache", [input, keys](duel::Sheet& sheet) {
+          Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<Rocks>(rocksdb::NewLRUCache(room)); });
+          Rocks small(rocksdb::NewLRUCache(SmallRoom(keys)));
+          TellHitRatio(sheet, *input, small);
+        });
+        duel.Contend("rocksdb HyperClock", [input, keys](duel::Sheet& sheet) {
+          Turn(sheet, *input,
+               [](size_t room, size_t size) { return std::make_unique<Rocks>(Rocks::Clock(room, size + kKeyLength)); });
+          Rocks small(Rocks::Clock(SmallRoom(keys), 1024 + kKeyLength));
+          TellHitRatio(sheet, *input, small);
+        });
+        duel.Contend("leveldb LRU", [input, keys](duel::Sheet& sheet) {
+          Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<LevelLRU>(room); });
+          LevelLRU small(SmallRoom(keys));
+          TellHitRatio(sheet, *input, small);
+        });
+        duel.Contend("mutex+unordered_map", [input, keys](duel::Sheet& sheet) {
+          Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<MutexMap>(room); });
+          MutexMap small(SmallRoom(keys));
+          TellHitRatio(sheet, *input, small);
+        });
+      },
+      {4000, 100000});
 }
