@@ -32,7 +32,8 @@ Work<Integer> MakeWork(size_t count) {
   return work;
 }
 
-// Each contender has Insert, Find (0 when absent), Nearest, Sum (over all keys and values in order) and Remove.
+// Each contender has Insert, Find (0 when absent), FindMany (one call for all keys where there is such a call),
+// Nearest, Sum (over all keys and values in order) and Remove.
 
 struct AvllContender {
   using Integer = ULong;
@@ -42,6 +43,9 @@ struct AvllContender {
   ULong Find(ULong key) { return QXAVLLDictFind(dict, key, 0); }
   ULong Nearest(ULong key) { return QXAVLLDictFindNearest(dict, key, 1); }
   ULong Remove(ULong key) { return QXAVLLDictRemove(dict, key, 0); }
+  void FindMany(const std::vector<ULong>& keys, std::vector<ULong>* values) {
+    QXAVLLDictFindMany(dict, keys.data(), keys.size(), 0, values->data());
+  }
   uint64_t Sum() {
     uint64_t sum = 0;
     QXAVLLDictEnumerate(
@@ -64,6 +68,9 @@ struct AvlContender {
   UInt Find(UInt key) { return QXAVLDictFind(dict, key, 0); }
   UInt Nearest(UInt key) { return QXAVLDictFindNearest(dict, key, 1, nullptr); }
   UInt Remove(UInt key) { return QXAVLDictRemove(dict, key, 0); }
+  void FindMany(const std::vector<UInt>& keys, std::vector<UInt>* values) {
+    QXAVLDictFindMany(dict, keys.data(), keys.size(), 0, values->data());
+  }
   uint64_t Sum() {
     uint64_t sum = 0;
     QXAVLDictEnumerate(
@@ -86,6 +93,9 @@ struct RbContender {
   void Insert(UInt key, UInt value) { QXRBDictInsert(dict, key, value, 0); }
   UInt Find(UInt key) { return QXRBDictFind(dict, key, 0); }
   UInt Remove(UInt key) { return QXRBDictRemove(dict, key, 0); }
+  void FindMany(const std::vector<UInt>& keys, std::vector<UInt>* values) {
+    QXRBDictFindMany(dict, keys.data(), keys.size(), 0, values->data());
+  }
   uint64_t Sum() {
     uint64_t sum = 0;
     QXRBDictEnumerate(
@@ -108,6 +118,9 @@ struct MapContender {
   Integer Find(Integer key) {
     const auto at = map.find(key);
     return at == map.end() ? 0 : at->second;
+  }
+  void FindMany(const std::vector<Integer>& keys, std::vector<Integer>* values) {
+    for (size_t i = 0; i < keys.size(); i++) (*values)[i] = Find(keys[i]);
   }
   Integer Nearest(Integer key) {
     const auto at = map.lower_bound(key);
@@ -147,6 +160,11 @@ void Turn(duel::Sheet& sheet, const Work<typename Contender::Integer>& work) {
       uint64_t sum = count;
       for (const Integer key : work.probes) sum += contender.Find(key - 1);
       return sum;
+    });
+    std::vector<Integer> values(count);
+    sheet.Time("find hit in bulk", count, [&] {
+      contender.FindMany(work.probes, &values);
+      return std::accumulate(values.begin(), values.end(), uint64_t{0});
     });
     if constexpr (requires { contender.Nearest(Integer{}); }) {
       sheet.Time("nearest above", count, [&] {
