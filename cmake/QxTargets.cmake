@@ -52,7 +52,8 @@ function(qx_shared_library name)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/qxdict>)
   set(exports "${CMAKE_CURRENT_SOURCE_DIR}/lib${name}.map")
-  target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now "-Wl,--version-script=${exports}")
+  # Never unloaded: a cache's collector may be running in its code when a program closes the library.
+  target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now,-z,nodelete "-Wl,--version-script=${exports}")
   set_target_properties(${name} PROPERTIES LINK_DEPENDS "${exports}")
   if(QXDICT_SANITIZE)
     # clang leaves the sanitizer runtime to the executable.
