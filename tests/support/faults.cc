@@ -9,6 +9,9 @@
 
 namespace {
 
+std::atomic<long> failures{0};
+std::atomic<long> live_maps{0};
+
 // One operation's plan: succeed `after` more times, then fail `count` times.
 struct Plan {
   std::atomic<long> after{0};
@@ -27,6 +30,7 @@ struct Plan {
       return false;
     }
     if (count > 0) count--;
+    failures++;
     return true;
   }
 };
@@ -54,6 +58,10 @@ void Clear() {
   for (Plan* plan : {&map_plan, &remap_plan, &unmap_plan, &thread_plan}) plan->Set(0, 0);
 }
 
+long Failures() { return failures; }
+void CountFailure() { failures++; }
+long LiveMaps() { return live_maps; }
+
 size_t LastMapSize() { return last_map; }
 size_t LastRemapSize() { return last_remap; }
 long Maps() { return map_plan.calls; }
@@ -75,7 +83,9 @@ void* MemoryMap_(size_t size, const char* file, int line) {
     errno = ENOMEM;
     return nullptr;
   }
-  return Real(MemoryMap_, "MemoryMap_")(size, file, line);
+  void* base = Real(MemoryMap_, "MemoryMap_")(size, file, line);
+  if (base != nullptr) live_maps++;
+  return base;
 }
 
 void* MemoryRemap_(void* old, size_t oldSize, size_t newSize, const char* file, int line) {
@@ -89,11 +99,13 @@ void* MemoryRemap_(void* old, size_t oldSize, size_t newSize, const char* file, 
 
 Boolean MemoryUnmap_(void* base, size_t size, const char* file, int line) {
   if (unmap_plan.Fails()) {
-    Real(MemoryUnmap_, "MemoryUnmap_")(base, size, file, line);  // a failure that leaks nothing
+    if (Real(MemoryUnmap_, "MemoryUnmap_")(base, size, file, line)) live_maps--;  // a failure that leaks nothing
     errno = EINVAL;
     return FALSE;
   }
-  return Real(MemoryUnmap_, "MemoryUnmap_")(base, size, file, line);
+  const Boolean done = Real(MemoryUnmap_, "MemoryUnmap_")(base, size, file, line);
+  if (done) live_maps--;
+  return done;
 }
 
 Thread ThreadCreate_(void* (*start)(void*), void* arg, int flags, const char* file, int line) {

@@ -17,12 +17,19 @@ void FailRemap(long after, long count = 1);
 void FailUnmap(long after, long count = 1);
 void FailThreadCreate(long after, long count = 1);
 
+// Calls that a plan has failed so far, of any operation here or in ledger.h.
+long Failures();
+void CountFailure();
+
 // Forgets every planned fault.
 void Clear();
 
 // The sizes that the last calls asked for.
 size_t LastMapSize();
 size_t LastRemapSize();
+
+// Mappings that were given and not taken back.
+long LiveMaps();
 
 // Calls so far.
 long Maps();

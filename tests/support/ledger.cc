@@ -3,7 +3,9 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -13,6 +15,7 @@
 #include <string>
 
 #include "qxlib/misc.h"
+#include "support/faults.h"
 #include "support/guarded.h"
 
 namespace {
@@ -30,6 +33,7 @@ Books& Open() {
   return *books;
 }
 
+std::atomic<long> fail_block_after = -1;
 int fail_array_after = -1;
 unsigned char array_fill = 0;
 int fail_unmap_after = -1;
@@ -99,6 +103,7 @@ void Ledger::Release() {
 
 namespace faults {
 
+void FailAllocate(long after) { fail_block_after = after; }
 void FailAnonArray(int after) { fail_array_after = after; }
 void FillAnonArray(unsigned char byte) { array_fill = byte; }
 void FillBlocks(unsigned char byte) { block_fill = byte; }
@@ -120,6 +125,10 @@ void* Allocate_(size_t size, void* old, const char* file, int line) {
     fprintf(stderr, "asked for %zu bytes\n", size);
     _exit(support::faults::kRefusedBlock);
   }
+  if (fail_block_after >= 0 && fail_block_after-- == 0) {
+    support::faults::CountFailure();
+    size = PTRDIFF_MAX;
+  }
   Book([old](Books& books) { books.blocks.erase(old); });
   void* block = Real(Allocate_, "Allocate_")(size, old, file, line);
   if (block_fill != 0 && old == nullptr) std::memset(block, block_fill, size);
@@ -136,7 +145,10 @@ void UnAllocate_(void* block, const char* file, int line) {
 }
 
 void* AnonArrayGrow_(size_t eltSize, UInt flags, ULong nvalues, UInt nbits, size_t* size, const char* file, int line) {
-  if (fail_array_after >= 0 && fail_array_after-- == 0) return nullptr;
+  if (fail_array_after >= 0 && fail_array_after-- == 0) {
+    support::faults::CountFailure();
+    return nullptr;
+  }
   size_t bytes = 0;
   void* array = Real(AnonArrayGrow_, "AnonArrayGrow_")(eltSize, flags, nvalues, nbits, &bytes, file, line);
   if (size != nullptr) *size = bytes;
@@ -162,6 +174,7 @@ Boolean FileUnmap(void* base, size_t size) {
   Book([base](Books& books) { books.mappings.erase(base); });
   const Boolean done = served_maps.erase(base) != 0 ? TRUE : Real(FileUnmap, "FileUnmap")(base, size);
   if (fail_unmap_after < 0 || fail_unmap_after-- > 0) return done;
+  support::faults::CountFailure();
   errno = unmap_error;
   return FALSE;
 }

@@ -31,6 +31,9 @@ class Ledger {
 
 namespace faults {
 
+// Allocate_ asks the real one for more than there is, once, after so many more calls; -1: never.
+void FailAllocate(long after);
+
 // AnonArrayGrow_ gives null, once, after so many more calls; -1: never.
 void FailAnonArray(int after);
 
