@@ -157,32 +157,6 @@ TEST_F(InstallTest, LibraryFindsItsBaseLibraryBesideItself) {
   EXPECT_THAT(MustRun("ldd " + Libraries() + "/libqxdict.so"), HasSubstr(Libraries() + "/libqxlib.so.1"));
 }
 
-// A platform that has a base library of its own links that one: here one under another name.
-TEST_F(InstallTest, APlatformsOwnBaseLibraryTakesThePlaceOfOurs) {
-  const std::string platform = Work("libplatform.so");
-  MustRun(QX_CXX " -std=c++20 -shared -fPIC -Wl,-soname,libplatform.so.3 -I" QX_SOURCE_DIR " " QX_SOURCE_DIR
-                 "/qxlib/*.cc -o " +
-          platform + " -pthread && ln -s libplatform.so " + platform + ".3");
-  const std::string build = Work("platform");
-  MustRun(std::string(QX_CMAKE) + " -S " QX_SOURCE_DIR " -B " + build +
-          " -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=" QX_CC " -DCMAKE_CXX_COMPILER=" QX_CXX
-          " -DQXDICT_BASE_LIBRARY=" +
-          platform + " -DQXDICT_BUILD_TESTS=OFF -DQXDICT_BUILD_EXAMPLES=OFF && " QX_CMAKE " --build " + build);
-
-  const std::string library = build + "/lib/libqxdict.so";
-  const std::string dynamic = MustRun("readelf -d " + library);
-  EXPECT_THAT(dynamic, HasSubstr("[libplatform.so.3]"));
-  EXPECT_EQ(dynamic.find("libqxlib"), std::string::npos) << dynamic;
-  EXPECT_EQ(MustRun("nm -D --defined-only " + library).find("Allocate_"), std::string::npos);
-  EXPECT_THAT(MustRun("nm -D --undefined-only " + library), HasSubstr("Allocate_"));
-  EXPECT_FALSE(fs::exists(build + "/lib/libqxlib.so"));
-
-  const std::string program = Work("on_platform");
-  MustRun(QX_CC " -std=c11 -I" QX_SOURCE_DIR " " QX_SOURCE_DIR "/tests/consumer/consumer.c -o " + program + " " +
-          library + " " + platform + " -Wl,-rpath," + build + "/lib:" + work_->path());
-  EXPECT_EQ(MustRun(program), kSaidByC);
-}
-
 TEST_F(InstallTest, UninstallLeavesNothing) {
   const std::string prefix = Work("gone");
   fs::create_directories(prefix);
