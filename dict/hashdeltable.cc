@@ -20,6 +20,7 @@
 #include <cstring>
 #include <memory>
 
+#include "dict/entry_places.h"
 #include "dict/hashdeltable_internal.h"
 #include "dict/heap_entry.h"
 #include "dict/report.h"
@@ -46,7 +47,6 @@ namespace {
 
 using namespace hashdeltable;
 
-constexpr UInt kFewestSlots = 3;                   // below, there is no step; only an image can have so few
 constexpr UInt kSmallTable = 10000;                // slots that a cleared table keeps
 constexpr float kOnlyJustAbove1 = 0x1.0000a8p+0F;  // nearest to 1.00001
 
@@ -78,33 +78,6 @@ UInt StartSlot(const HashDelTable& table, UInt hash) {
   }
   return table.t_nentries != 0 ? hash % table.t_nentries : 0;
 }
-
-// The way of a key through at least kFewestSlots slots.
-class Probe {
- public:
-  Probe(UInt slots, UInt start) : slots_(slots), start_(start), slot_(start) {
-    // start mod (n - 2): below 2 * (n - 2), but for n = 3.
-    size_t rest = start;
-    if (rest >= slots_ - 2) rest -= slots_ - 2;
-    if (rest >= slots_ - 2) rest -= slots_ - 2;
-    step_ = slots_ - 2 - rest;
-  }
-
-  UInt slot() const { return static_cast<UInt>(slot_); }
-
-  // Moves on; false when the way is back at its start.
-  bool Next() {
-    slot_ += step_;
-    if (slot_ >= slots_) slot_ -= slots_;
-    return slot_ != start_;
-  }
-
- private:
-  size_t slots_;
-  size_t start_;
-  size_t slot_;
-  size_t step_;
-};
 
 // Where a search ended: at the key's slot, or at the empty slot where the key is to be inserted.
 struct Place {
@@ -186,50 +159,19 @@ UInt CredibleCapacity(const HashDelTable& table) {
   return std::min(table.t_nkeys_max, std::max(table.t_nentries, kSmallTable));
 }
 
-// The offsets of the live entries, in ascending order: a bit for each place in the heap where an entry can start.
-class LiveEntries {
- public:
-  explicit LiveEntries(const HashDelTable& table) : heap_(std::min(table.t_data_used, table.t_data_size)) {
-    if (Mark(table, 3) % heap::kAlignment == 0) return;
-    UnAllocate_(words_, kModule, __LINE__);  // only an image has entries at odd places
-    Mark(table, 0);
-  }
-  ~LiveEntries() { UnAllocate_(words_, kModule, __LINE__); }
-  LiveEntries(const LiveEntries&) = delete;
-  LiveEntries& operator=(const LiveEntries&) = delete;
+// Visits the offsets of the live entries inside the heap, in ascending order.
+template <typename Visit>
+void ForEachLive(const HashDelTable& table, Visit visit) {
+  const size_t heap = std::min({table.t_data_used, table.t_data_size, size_t{kTombstone}});
+  UInt all = 0;  // every offset, ored: only an image has entries at odd places
+  for (UInt s = 0; s < table.t_nentries; s++) all |= table.t_entries[s] < heap ? table.t_entries[s] : 0;
 
-  template <typename Visit>
-  void ForEach(Visit visit) const {
-    for (size_t w = 0; w < count_; w++) {
-      for (ULong word = words_[w]; word != 0; word &= word - 1) {
-        visit((w * 64 + static_cast<size_t>(std::countr_zero(word))) << shift_);
-      }
-    }
+  heap::EntryPlaces live(heap, all % heap::kAlignment == 0, kModule);
+  for (UInt s = 0; s < table.t_nentries; s++) {
+    if (table.t_entries[s] < heap) live.Mark(table.t_entries[s]);
   }
-
- private:
-  // Marks every slot's entry inside the heap, and returns all their offsets, ored.
-  UInt Mark(const HashDelTable& table, unsigned shift) {
-    shift_ = shift;
-    count_ = (heap_ >> shift) / 64 + 1;
-    words_ = static_cast<ULong*>(Allocate_(sizeof(ULong) * count_, nullptr, kModule, __LINE__));
-    std::memset(words_, 0, sizeof(ULong) * count_);
-    UInt all = 0;
-    for (UInt s = 0; s < table.t_nentries; s++) {
-      const UInt offset = table.t_entries[s];
-      if (offset >= heap_ || offset >= kTombstone) continue;
-      all |= offset;
-      const size_t bit = offset >> shift;
-      words_[bit / 64] |= ULong{1} << (bit % 64);
-    }
-    return all;
-  }
-
-  size_t heap_;
-  unsigned shift_;
-  size_t count_;
-  ULong* words_;
-};
+  live.ForEach(visit);
+}
 
 // Moves entries, given in ascending order, to the front of the heap. Neighbours move together.
 //
@@ -282,7 +224,7 @@ class Compactor {
 // caller rebuilds them.
 void HashDelTableRewrite(HashDelTable* table) {
   Compactor compactor(table);
-  LiveEntries(*table).ForEach([&](size_t offset) { compactor.Take(offset); });
+  ForEachLive(*table, [&](size_t offset) { compactor.Take(offset); });
   table->t_data_used = compactor.Finish();
   table->t_deleted = 0;
 }
@@ -349,10 +291,15 @@ HashDelTable* HashDelTableNew(UInt capacity, HashKeyFunction hash, HashValueFunc
 }
 
 void HashDelTableFree(HashDelTable* table) {
+  HashDelTableFinalize(table);
+  UnAllocate_(table, kModule, __LINE__);
+}
+
+void HashDelTableFinalize(HashDelTable* table) {
   UnAllocate_(table->t_data, kModule, __LINE__);
   UnAllocate_(table->t_entries, kModule, __LINE__);
   tags::Drop(table, kModule);
-  UnAllocate_(table, kModule, __LINE__);
+  *table = {};
 }
 
 void HashDelTableClear(HashDelTable* table) {
@@ -448,3 +395,14 @@ UInt HashDelTableSize(const HashDelTable* table) { return table->t_nkeys; }
 UInt HashDelTableCapacity(const HashDelTable* table) { return table->t_nkeys_max; }
 
 Boolean HashDelTableFull(const HashDelTable* table) { return table->t_nkeys == table->t_nkeys_max; }
+
+Boolean HashDelTableReserve(HashDelTable* table, UInt capacity, void* ptr) {
+  QX_ASSERT(!table->t_selected);
+  if (capacity <= CredibleCapacity(*table)) return TRUE;
+  if (capacity > heap::kMaximumCapacity) {
+    QX_MESSAGE(qx::kFailure, FALSE, ":hashdeltable: capacity too large: capacity=%u", capacity);
+    return FALSE;
+  }
+  Rebuild(table, capacity, ptr);
+  return TRUE;
+}

@@ -95,8 +95,7 @@ typedef struct HashDelTableIterator {
  * @param key_size  bytes of the key length in the heap: 1 to 4, or 0 for 1 to 5 bytes as each key needs; a width above
  *                  4 fails the assertion "size <= 4" when the first key is stored
  *
- * Release: a record from `Allocate_` with `HashDelTableFree`; of any other, `t_data` and `t_entries` with
- * `UnAllocate_`.
+ * Release: a record from `Allocate_` with `HashDelTableFree`, any other with `HashDelTableFinalize`.
  *
  * Cost: 9 bytes of memory a slot, three slots for two keys.
  */
@@ -318,6 +317,51 @@ QX_API void HashDelTableMemWrite(HashDelTable* table, UByteArray* to);
  * heap is just as large as its entries.
  */
 QX_API Boolean HashDelTableMemRead(HashDelTable* table, UByte** from, UByte* end);
+
+/*
+ * Additions: what follows has been added to the table's original interface since 1.0. Images, slots and everything told
+ * above are the same with it and without.
+ */
+
+/**
+ * Addition: releases the heap and the slots of a table that `HashDelTableInit` made, but not its record, which is then
+ * all zeros: it can be initialised again, or finalized once more, and nothing else.
+ */
+QX_API void HashDelTableFinalize(HashDelTable* table);
+
+/**
+ * Addition: says whether a table that was read from outside is sound, as `HashTableCheck` does.
+ *
+ * @param reason  when not null, receives a constant text that names the first thing wrong, or null when nothing is
+ * @return TRUE only when every later operation, whatever its arguments, stays inside the table's memory, ends, and
+ * fails no assertion but those about its arguments and the table's state
+ *
+ * Tombstones and removed entries are part of a sound table, as long as every entry of the heap is either live or
+ * removed and their numbers are the recorded ones.
+ */
+QX_API Boolean HashDelTableCheck(const HashDelTable* table, const char** reason);
+
+/**
+ * Addition: cleans a table up and grows it to an exact capacity, at once, in place of by a factor.
+ *
+ * @param table     the table, in the hashed state (asserted: "!table->t_selected")
+ * @param capacity  keys that the table is to accept; one that it accepts already changes nothing, and cleans nothing up
+ * @param ptr       handed to the table's hash callback
+ * @return TRUE when the table now accepts so many; FALSE, after a message and with the table as it was, when the
+ *         capacity is above 1431655765
+ *
+ * Invalidates what `HashDelTableGrow` does. Cost: as `HashDelTableGrow`.
+ */
+QX_API Boolean HashDelTableReserve(HashDelTable* table, UInt capacity, void* ptr);
+
+/**
+ * Addition: figures of a table, as it stands: nothing is cleaned up.
+ *
+ * @param stats  receives them; of keys whose slot a search does not reach, or only after 65536 others, as a damaged
+ *               table may have them, the probes count as that or not at all
+ * @param ptr    handed to the table's hash callback
+ */
+QX_API void HashDelTableStats(const HashDelTable* table, HashTableStatistics* stats, void* ptr);
 
 QX_END_DECLS
 

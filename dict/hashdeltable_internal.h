@@ -5,6 +5,8 @@
 #ifndef DICT_HASHDELTABLE_INTERNAL_H
 #define DICT_HASHDELTABLE_INTERNAL_H
 
+#include <cstddef>
+
 #include "dict/hashdeltable.h"
 
 namespace hashdeltable {
@@ -12,6 +14,34 @@ namespace hashdeltable {
 inline constexpr const char* kModule = "dict/hashdeltable";
 
 constexpr UInt kTombstone = 0xFFFFFFFE;
+constexpr UInt kFewestSlots = 3;  // below, there is no step; only an image can have so few
+
+// The way of a key through at least kFewestSlots slots.
+class Probe {
+ public:
+  Probe(UInt slots, UInt start) : slots_(slots), start_(start), slot_(start) {
+    // start mod (n - 2): below 2 * (n - 2), but for n = 3.
+    size_t rest = start;
+    if (rest >= slots_ - 2) rest -= slots_ - 2;
+    if (rest >= slots_ - 2) rest -= slots_ - 2;
+    step_ = slots_ - 2 - rest;
+  }
+
+  UInt slot() const { return static_cast<UInt>(slot_); }
+
+  // Moves on; false when the way is back at its start.
+  bool Next() {
+    slot_ += step_;
+    if (slot_ >= slots_) slot_ -= slots_;
+    return slot_ != start_;
+  }
+
+ private:
+  size_t slots_;
+  size_t start_;
+  size_t slot_;
+  size_t step_;
+};
 
 // Notes how to divide by the slot count; to be called whenever that changes.
 void NoteSlotCount(HashDelTable* table);

@@ -172,6 +172,21 @@ Place Search(const HashTable& table, UInt hash, const heap::KeyGiven<HashTable>&
                     [&](UInt offset) { return heap::Matches(table, offset, bytes, len, ptr); });
 }
 
+// The first slot that a look-up of a key with this hash will have to follow into the heap, if there is one.
+Place Likely(const HashTable& table, UInt hash) {
+  if (table.t_entries_size == 0) return kNowhere;
+  const UInt s = StartSlot(table, hash);
+  if (table.t_tags != nullptr) return SearchTags(table, s, tags::Of(hash), [](UInt) { return true; });
+  return {s, table.t_entries[s]};
+}
+
+// The entry that a search has found, or null; its offset is stored where asked for.
+UByte* EntryAt(const HashTable& table, const Place& found, UInt* offset) {
+  if (found.offset == heap::kEmptySlot) return nullptr;
+  if (offset != nullptr) *offset = found.offset;
+  return table.t_data + found.offset;
+}
+
 // The first empty slot from s on, or kNoSlot when all are taken.
 UInt EmptySlotFrom(const HashTable& table, UInt s) {
   if (table.t_tags != nullptr) return SearchTags(table, s, tags::kEmpty, [](UInt) { return true; }).slot;
@@ -187,6 +202,22 @@ bool Occupy(HashTable* table, UInt s, UInt offset, UInt hash) {
   if (s == kNoSlot) return false;
   table->t_entries[s] = offset;
   if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_entries_size, s, tags::Of(hash));
+  return true;
+}
+
+// Hashes every key anew into slots for this capacity; false: the mapping failed, and all is as before.
+bool Rebuild(HashTable* table, UInt capacity, void* ptr) {
+  const UInt slots = Prime(heap::SlotsFor(capacity));
+  void* entries = HashRealloc(table, sizeof(UInt), table->t_entries, table->t_entries_size, slots);
+  if (entries == nullptr) return false;
+  table->t_entries_capacity = capacity;
+  table->t_entries_size = slots;
+  table->t_entries = static_cast<UInt*>(entries);
+  NoteSlotCount(table);
+  EmptySlots(table);
+  heap::Rehash(
+      *table, ptr, [&](UInt hash) { return StartSlot(*table, hash); }, [&](UInt s) { Fetch(*table, s); },
+      [&](UInt s, UInt entry, UInt hash) { return Occupy(table, EmptySlotFrom(*table, s), entry, hash); });
   return true;
 }
 
@@ -245,10 +276,7 @@ UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean cre
   QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
 
   Place found = Search(*table, hash, key, len, ptr);
-  if (found.offset != heap::kEmptySlot) {
-    if (offset != nullptr) *offset = found.offset;
-    return table->t_data + found.offset;
-  }
+  if (UByte* entry = EntryAt(*table, found, offset); entry != nullptr) return entry;
   if (found.slot == kNoSlot || !create || HashTableFull(table)) return nullptr;
 
   size_t place;
@@ -271,17 +299,7 @@ void HashTableGrow(HashTable* table, float factor, void* ptr) {
                static_cast<double>(factor));
     return;
   }
-  const UInt slots = Prime(heap::SlotsFor(capacity));
-  void* entries = HashRealloc(table, sizeof(UInt), table->t_entries, table->t_entries_size, slots);
-  if (entries == nullptr) return;
-  table->t_entries_capacity = capacity;
-  table->t_entries_size = slots;
-  table->t_entries = static_cast<UInt*>(entries);
-  NoteSlotCount(table);
-  EmptySlots(table);
-  heap::Rehash(
-      *table, ptr, [&](UInt hash) { return StartSlot(*table, hash); }, [&](UInt s) { Fetch(*table, s); },
-      [&](UInt s, UInt entry, UInt hash) { return Occupy(table, EmptySlotFrom(*table, s), entry, hash); });
+  Rebuild(table, capacity, ptr);
 }
 
 UInt HashTableKey(const HashTable* table, const UByte* val, const UByte** bytes) {
@@ -295,3 +313,41 @@ UInt HashTableSize(const HashTable* table) { return table->t_entries_used; }
 UInt HashTableCapacity(const HashTable* table) { return table->t_entries_capacity; }
 
 Boolean HashTableFull(const HashTable* table) { return table->t_entries_used == table->t_entries_capacity; }
+
+Boolean HashTableReserve(HashTable* table, UInt capacity, void* ptr) {
+  QX_ASSERT(!table->t_selected);
+  if (capacity <= table->t_entries_capacity) return TRUE;
+  if (capacity > heap::kMaximumCapacity) {
+    QX_MESSAGE(qx::kFailure, FALSE, ":hashtable: capacity too large: capacity=%u", capacity);
+    return FALSE;
+  }
+  return Rebuild(table, capacity, ptr) ? TRUE : FALSE;
+}
+
+void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys, const UInt* lens, UByte** entries,
+                       UInt* offsets, void* ptr) {
+  const bool calls_back = table->t_hash != nullptr || table->t_equal != nullptr;
+  constexpr UInt kInFlight = 32;  // look-ups between asking for memory and its use
+  UInt hashes[kInFlight];
+  Place places[kInFlight];
+  for (UInt done = 0; done < n;) {
+    // Callbacks are made key by key, as by single look-ups.
+    const UInt count = calls_back ? 1 : std::min(n - done, kInFlight);
+    for (UInt i = 0; i < count; i++) {
+      hashes[i] = heap::Hash(*table, keys[done + i], lens[done + i], ptr);
+      QX_ASSERT(!table->t_selected);
+      QX_ASSERT_TEXT(heap::LengthFits(lens[done + i], table->t_key_size), "l < (b << (8 * k))");
+      if (table->t_entries_size != 0) Fetch(*table, StartSlot(*table, hashes[i]));
+    }
+    for (UInt i = 0; i < count; i++) {
+      places[i] = Likely(*table, hashes[i]);
+      if (places[i].offset != heap::kEmptySlot) __builtin_prefetch(table->t_data + places[i].offset);
+    }
+    for (UInt i = 0; i < count; i++, done++) {
+      const heap::KeyGiven<HashTable> key(*table, keys[done]);
+      // A slot that is empty at once is an answer; of others the full search says whose they are.
+      if (places[i].offset != heap::kEmptySlot) places[i] = Search(*table, hashes[i], key, lens[done], ptr);
+      entries[done] = EntryAt(*table, places[i], offsets != nullptr ? &offsets[done] : nullptr);
+    }
+  }
+}

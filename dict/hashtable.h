@@ -91,7 +91,7 @@ QX_API void QXDictInit(void);
  * The default hash: the sum of bytes[i] * 257^i, modulo 2^32; 0 for the empty key.
  *
  * Files carry slot positions that follow from it, so it never changes. It is fast and weak: keys that differ only in
- * zero bytes at the end hash alike. Where keys come from an adversary, give the table a keyed hash of your own.
+ * zero bytes at the end hash alike. Where keys come from an adversary, give the table `HashBytesKeyed`.
  */
 QX_API UInt HashBytes(const UByte* bytes, UInt len);
 
@@ -275,7 +275,7 @@ QX_API void HashTableClear(HashTable* table);
  *         ("error opening %s", "error writing %s" or "error closing %s"; a failure within the first 37 bytes records
  *         none) and a part of the file left behind; the table is unharmed
  *
- * A process that dies here leaves neither the old file nor the new one: write under another name and rename. The file
+ * A process that dies here leaves neither the old file nor the new one: `HashTableReplace` does better. The file
  * holds the heap's unused bytes too, with what cleared entries left there. The descriptor is close-on-exec and never
  * one of 0 to 2. A file-size limit raises SIGXFSZ first: ignore the signal to get the error.
  */
@@ -297,6 +297,114 @@ QX_API Boolean HashTableWrite(const HashTable* table, const char* filename);
  */
 QX_API HashTable* HashTableRead(const char* filename, HashKeyFunction hash, HashValueFunction value,
                                 HashEqualFunction equal, Boolean vm);
+
+/*
+ * Additions: what follows has been added to the table's original interface since 1.0. Files, slots and everything told
+ * above are the same with it and without.
+ */
+
+/** Figures of a table, for people who tune it; see `HashTableStats` and `HashDelTableStats`. */
+typedef struct HashTableStatistics {
+  UInt s_keys;          /**< live keys; selected: entries chosen */
+  UInt s_capacity;      /**< the most keys that the table accepts before it must be grown */
+  UInt s_slots;         /**< slots */
+  UInt s_tombstones;    /**< slots of removed keys; 0 in a `HashTable` */
+  UInt s_longest_probe; /**< the most slots that a look-up of a stored key looks at; 0: none, or selected */
+  double s_mean_probe;  /**< the mean of that over all keys; 0: none, or selected */
+  double s_load;        /**< slots taken, tombstones among them, out of all */
+  size_t s_heap_used;   /**< bytes of the heap in use */
+  size_t s_heap_size;   /**< bytes of the heap allocated */
+  size_t s_padding;     /**< bytes in use between entries */
+  size_t s_dead;        /**< bytes of entries that no slot names: removed, or not chosen */
+} HashTableStatistics;
+
+/**
+ * Addition: says whether a table that was read from outside is sound.
+ *
+ * @param reason  when not null, receives a constant text that names the first thing wrong, or null when nothing is
+ * @return TRUE only when every later operation, whatever its arguments, stays inside the table's memory, ends, and
+ * fails no assertion but those about its arguments and the table's state
+ *
+ * A sound table has slots that name the start of each entry once, a heap that is entries from its start to its end, and
+ * a slot free for every search to end at. Not checked, because no harm comes of it but a wrong answer: that each key
+ * lies where its hash says, so that another hash than the writer's passes; the meaning of values; `t_val_len`, which a
+ * caller compares with what it expects. A table that was selected into an array, whose slots no longer name its keys,
+ * is not sound.
+ *
+ * Reads every slot and every entry's key length once. Takes memory for a 64th of the heap that is there (an eighth,
+ * when entries start at any byte), whatever the table claims. No messages, no callbacks.
+ */
+QX_API Boolean HashTableCheck(const HashTable* table, const char** reason);
+
+/**
+ * Addition: a hash for keys that an adversary may choose: the low 32 bits of SipHash-1-3.
+ *
+ * A `HashKeyFunction`: give it to `HashTableNew`. Without its key nobody can make keys that collide; the default hash,
+ * `HashBytes`, is no match for such a one.
+ *
+ * @param ptr  the pointer that the table's operations hand to callbacks: the 16 bytes of the key, the same in every
+ * call; null: a random key of this process, the same in all its calls. A table under the random key makes no sense in a
+ * file: another process cannot search it
+ *
+ * Cost: two to three times that of `HashBytes`; and tables with a hash of their own keep no tags, so that look-ups go
+ * to the heap more often.
+ */
+QX_API UInt HashBytesKeyed(const UByte* bytes, UInt len, void* ptr);
+
+/**
+ * Addition: grows a table to an exact capacity, at once, in place of by a factor.
+ *
+ * @param table     the table, in the hashed state (asserted: "!table->t_selected")
+ * @param capacity  keys that the table is to accept; one that it accepts already changes nothing
+ * @param ptr       handed to the table's hash callback
+ * @return TRUE when the table now accepts so many; FALSE, after a message and with the table as it was, when a mapping
+ *         failed or the capacity is above 1431655765
+ *
+ * Invalidates nothing. Cost: as `HashTableGrow`.
+ */
+QX_API Boolean HashTableReserve(HashTable* table, UInt capacity, void* ptr);
+
+/**
+ * Addition: looks many keys up, several in flight at once: exactly what `HashTableFind` gives for each with `create`
+ * FALSE, in less time when the table is larger than the caches.
+ *
+ * @param n        number of keys
+ * @param keys     their bytes
+ * @param lens     their lengths; each as for `HashTableFind`, with the same assertions
+ * @param entries  receives `n` entries, null where a key is missing
+ * @param offsets  when not null, receives the entries' heap offsets; the places of missing keys stay as they are
+ * @param ptr      handed to the table's callbacks, which are made key by key in order: a table that has a hash or an
+ *                 equality of its own gains nothing here
+ *
+ * Invalidates nothing.
+ */
+QX_API void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys, const UInt* lens,
+                              UByte** entries, UInt* offsets, void* ptr);
+
+/**
+ * Addition: figures of a table.
+ *
+ * @param stats  receives them
+ * @param ptr    handed to the table's hash callback
+ *
+ * Cost: one hash a key, one pass over the slots and one over the heap.
+ */
+QX_API void HashTableStats(const HashTable* table, HashTableStatistics* stats, void* ptr);
+
+/**
+ * Addition: writes the table as `HashTableWrite` does, in place of a file that may be there: readers see the old file
+ * or the new one, whole, whenever they look and whatever fails.
+ *
+ * The new file is written beside the old one (its name and ".new-" with numbers behind it), with its permissions,
+ * synced, and renamed; then the directory is synced. A symbolic link is replaced, not followed.
+ *
+ * @return TRUE when the new file is in place and synced. FALSE otherwise, with the current error recorded as by
+ *         `HashTableWrite`, or "error renaming %s": the old file stands, and nothing is left beside it. Only with
+ * "error syncing directory of %s" the new file is in place, but after a power cut the old one may be back
+ *
+ * A process that dies here leaves the old file, and perhaps the new one beside it.
+ */
+QX_API Boolean HashTableReplace(const HashTable* table, const char* filename);
 
 QX_END_DECLS
 

@@ -21,6 +21,7 @@
 #include "dict/hashtable.h"
 #include "dict/hashtable_internal.h"
 #include "dict/heap_entry.h"
+#include "dict/replace_file.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
 
@@ -139,6 +140,29 @@ Outcome ReadTable(FILE* f, HashTable* table) {
   return Outcome::kRead;
 }
 
+// Writes a file for an exported function, whose failures name the file `name`.
+bool WriteFile(const HashTable& table, const char* path, const char* name, const char* function) {
+  qx::Stream f = qx::OpenStream(path, "w");
+  if (!f) {
+    QX_RETHROW_IN(kModule, function, "error opening %s", name);
+    return false;
+  }
+  if (!WriteHeader(f.get(), table)) return false;
+  if (!WriteItems(f.get(), table.t_entries, sizeof(UInt), table.t_entries_size) ||
+      !WriteItems(f.get(), table.t_data, 1, table.t_data_size) || fflush(f.get()) != 0 || fsync(fileno(f.get())) != 0) {
+    QX_RETHROW_IN(kModule, function, "error writing %s", name);
+    QXErrorSave();
+    f.reset();
+    QXErrorRestore();
+    return false;
+  }
+  if (fclose(f.release()) != 0) {
+    QX_RETHROW_IN(kModule, function, "error closing %s", name);
+    return false;
+  }
+  return true;
+}
+
 // Whether every offset in the slots is a multiple of 8. An empty slot counts as 0.
 bool AlignedSlots(const HashTable& table) {
   static_assert(heap::kEmptySlot + 1 == 0);
@@ -153,23 +177,22 @@ bool AlignedSlots(const HashTable& table) {
 }  // namespace
 
 Boolean HashTableWrite(const HashTable* table, const char* filename) {
-  qx::Stream f = qx::OpenStream(filename, "w");
-  if (!f) {
+  return WriteFile(*table, filename, filename, __func__) ? TRUE : FALSE;
+}
+
+Boolean HashTableReplace(const HashTable* table, const char* filename) {
+  qx::Replacement file(filename);
+  if (!file) {
     QX_RETHROW("error opening %s", filename);
     return FALSE;
   }
-  if (!WriteHeader(f.get(), *table)) return FALSE;
-  if (!WriteItems(f.get(), table->t_entries, sizeof(UInt), table->t_entries_size) ||
-      !WriteItems(f.get(), table->t_data, 1, table->t_data_size) || fflush(f.get()) != 0 ||
-      fsync(fileno(f.get())) != 0 || !qx::SyncDirectoryOf(filename)) {
-    QX_RETHROW("error writing %s", filename);
-    QXErrorSave();
-    f.reset();
-    QXErrorRestore();
-    return FALSE;
-  }
-  if (fclose(f.release()) != 0) {
-    QX_RETHROW("error closing %s", filename);
+  if (!WriteFile(*table, file.beside(), filename, __func__)) return FALSE;
+  if (!file.TakePlace()) {
+    if (file.renamed()) {
+      QX_RETHROW("error syncing directory of %s", filename);
+    } else {
+      QX_RETHROW("error renaming %s", filename);
+    }
     return FALSE;
   }
   return TRUE;

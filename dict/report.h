@@ -34,9 +34,10 @@ constexpr int kFailure = 4;
 #define QX_MESSAGE(level, flag, ...) QX_MESSAGE_IN(kModule, __func__, level, flag, __VA_ARGS__)
 
 // Records a failure of a named file, with errno, as the calling thread's current error.
-#define QX_RETHROW(format, path)                                                                \
-  (QXSetMessageContext2_(kModule, __LINE__, qx::kMessageModule, __func__, qx::kFailure, FALSE), \
+#define QX_RETHROW_IN(module, function, format, path)                                          \
+  (QXSetMessageContext2_(module, __LINE__, qx::kMessageModule, function, qx::kFailure, FALSE), \
    QXErrorRethrow_(format, path))
+#define QX_RETHROW(format, path) QX_RETHROW_IN(kModule, __func__, format, path)
 
 // Where going on would corrupt memory and there is no result to return: a message, then the end of the process.
 #define QX_DIE_IN(module, function, ...) \
