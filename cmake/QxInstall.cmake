@@ -4,6 +4,7 @@
 #   lib/                   both libraries with their sonames
 #   lib/cmake/qxdict/      for find_package(qxdict): targets qxdict::qxdict and qxdict::qxlib
 #   lib/pkgconfig/         qxdict.pc, qxlib.pc
+#   bin/, share/man/       the program qxdict, when it is built, and its manual page
 #
 # and the target `uninstall`, which takes it all away again. Nothing installed tells where it was built or installed: the
 # whole may be moved.
@@ -45,6 +46,14 @@ foreach(package IN LISTS packages)
   install(FILES "${PROJECT_BINARY_DIR}/cmake/${package}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
           COMPONENT libqxdict-dev)
 endforeach()
+
+if(TARGET qxdict_tool)
+  install(TARGETS qxdict_tool RUNTIME COMPONENT qxdict-tools)
+  file(RELATIVE_PATH way_to_libraries "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+  set_target_properties(qxdict_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${way_to_libraries}")
+  install(FILES "${PROJECT_SOURCE_DIR}/docs/man/qxdict.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+          COMPONENT qxdict-tools)
+endif()
 
 if(PROJECT_IS_TOP_LEVEL)
   add_custom_target(uninstall

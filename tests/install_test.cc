@@ -157,6 +157,11 @@ TEST_F(InstallTest, LibraryFindsItsBaseLibraryBesideItself) {
   EXPECT_THAT(MustRun("ldd " + Libraries() + "/libqxdict.so"), HasSubstr(Libraries() + "/libqxlib.so.1"));
 }
 
+TEST_F(InstallTest, ProgramRunsWhereItIs) {
+  EXPECT_EQ(MustRun(Prefix() + "/bin/qxdict --version"), "qxdict 1.0.0\n");
+  EXPECT_THAT(support::ReadFile(Prefix() + "/share/man/man1/qxdict.1"), HasSubstr(".SH EXIT STATUS"));
+}
+
 TEST_F(InstallTest, UninstallLeavesNothing) {
   const std::string prefix = Work("gone");
   fs::create_directories(prefix);

@@ -1,0 +1,63 @@
+// The program qxdict over any bytes: the first byte says which kind of file the others are, or that they are a dump.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tool.h"
+
+namespace {
+
+// Files in memory, for the whole run.
+const std::string& Directory() {
+  static const std::string directory = [] {
+    std::string name = "/dev/shm/qxdict-fuzz-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) std::abort();
+    return name;
+  }();
+  return directory;
+}
+
+void Write(const std::string& name, const unsigned char* bytes, size_t size) {
+  std::ofstream out(Directory() + "/" + name, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+}
+
+void Tool(const std::vector<std::string>& arguments) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> null(std::fopen("/dev/null", "r+"), std::fclose);
+  const int exit = tool::Run(arguments, null.get(), null.get(), null.get());
+  if (exit < 0 || exit > 2) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+  static const char* const kSuffixes[] = {".dic", ".ht", ".img", ".idx"};
+  if (size == 0) return 0;
+  const std::string suffix = kSuffixes[data[0] % 4];
+  const bool text = data[0] / 4 % 2 != 0;
+  data++;
+  size--;
+  const std::string file = Directory() + "/file" + suffix;
+  if (text) {
+    Write("text", data, size);
+    Tool({"load", file, Directory() + "/text"});
+    Tool({"build", Directory() + "/file.dic", Directory() + "/text", "--probe", "1"});
+    return 0;
+  }
+  // Of a pair the first half is the index.
+  const size_t index = suffix == ".idx" ? size / 2 : size;
+  Write("file" + suffix, data, index);
+  if (suffix == ".idx") Write("file.dat", data + index, size - index);
+  for (const char* command : {"info", "check", "stat", "dump"}) {
+    Tool({command, file});
+    Tool({command, "--any-hash", file});
+  }
+  Tool({"get", "--json", file, "1", "key"});
+  return 0;
+}
