@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 
 namespace qx {
 
@@ -19,6 +20,14 @@ inline void AdviseHugePages(void* mapping, size_t bytes) {
   const int error = errno;
   madvise(mapping, (bytes + kSmallPage - 1) & ~(kSmallPage - 1), MADV_HUGEPAGE);
   errno = error;
+}
+
+// The same for a block of the allocator's, whose ends lie within pages that are not its own: all pages between them.
+inline void AdviseHugePagesWithin(void* block, size_t bytes) {
+  constexpr size_t kSmallPage = 4096;
+  const size_t skip = (kSmallPage - reinterpret_cast<uintptr_t>(block) % kSmallPage) % kSmallPage;
+  if (bytes < skip + kSmallPage) return;
+  AdviseHugePages(static_cast<char*>(block) + skip, (bytes - skip) & ~(kSmallPage - 1));
 }
 
 }  // namespace qx

@@ -30,6 +30,7 @@
 #include <bit>
 #include <cstddef>
 
+#include "dict/huge_pages.h"
 #include "dict/idmap.h"
 #include "dict/remainder.h"
 #include "dict/report.h"
@@ -45,7 +46,7 @@ constexpr UInt kFirstCapacity = 10;
 constexpr UInt kMaxCapacity = ~UInt{0} / 3;  // the slots are counted by way of three times as many
 constexpr UInt kNoSlot = ~UInt{0};
 constexpr UInt kSweepShare = 4;  // from this part of the slots on, emptying all is quicker than emptying the used ones
-constexpr size_t kAhead = 24;    // keys whose slots are on their way from memory while many are looked up
+constexpr size_t kAhead = 32;    // keys whose slots are on their way from memory while many are looked up
 constexpr size_t kRing = 16;     // pairs whose new slots are on their way from memory while a map grows
 
 template <typename Entry>
@@ -120,12 +121,17 @@ UInt Home(const typename T::Map& map, typename T::Key key) {
 
 // The slot that ends the probe from `home` on: the first that holds the key or is free, among those that lie at most
 // `reach` behind it. kNoSlot: all of these hold other keys.
-template <typename T>
+//
+// kHomeFirst: with a look at the home alone before all others. Most keys are there, and neighbouring ones all are; of
+// keys at random it is too few for the branch to be guessed, which costs where others wait to be looked up.
+template <typename T, bool kHomeFirst = true>
 UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt reach) {
   constexpr UInt kSlots = kGroup<typename T::Entry>;
   const typename T::Entry* entries = map.m_entries;
   const UInt size = map.m_allocated;
-  if (entries[home].e_key == key) return home;  // most keys are at home, and neighbouring ones all are
+  if constexpr (kHomeFirst) {
+    if (entries[home].e_key == key) return home;
+  }
   UInt s = home;
   for (UInt seen = 0; seen <= reach;) {
     if (s + kSlots <= size) [[likely]] {
@@ -207,6 +213,7 @@ void Grow(typename T::Map* map, UInt capacity) {
   map->m_reach = 0;
   map->m_entries =
       static_cast<typename T::Entry*>(Allocate_(sizeof(typename T::Entry) * size, nullptr, T::kModule, __LINE__));
+  qx::AdviseHugePagesWithin(map->m_entries, sizeof(typename T::Entry) * size);
   EmptySlots<T>(map);
   map->m_used.t.length = 0;
   if (old == nullptr) return;
@@ -308,8 +315,14 @@ void FindMany(const typename T::Map* map, const typename T::Key* keys, size_t co
     if (i + kAhead < count) fetch(keys[i + kAhead]);
     const typename T::Key key = keys[i];
     QX_ASSERT_IN(T::kModule, T::kFindManyName, key != T::kNone, T::kFindText);
-    const UInt s = ProbeEnd<T>(*map, key, Home<T>(*map, key), map->m_reach);
-    values[i] = s != kNoSlot && entries[s].e_key == key ? entries[s].e_val : T::kNone;
+    const UInt s = ProbeEnd<T, false>(*map, key, Home<T>(*map, key), map->m_reach);
+    if (s == kNoSlot) [[unlikely]] {
+      values[i] = T::kNone;
+      continue;
+    }
+    // All ones where the slot is free: the marker, by arithmetic, as half of the keys may be absent.
+    const typename T::Key absent = static_cast<typename T::Key>(entries[s].e_key == key) - 1;
+    values[i] = (entries[s].e_val & ~absent) | (T::kNone & absent);
   }
 }
 
