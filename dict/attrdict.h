@@ -90,8 +90,10 @@ QX_API void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len);
  * @return TRUE when every byte was written and both files were closed without an error; FALSE, with the `errno` of the
  *         first failure (EFBIG at 4 GiB of data), when not: the files are then incomplete
  *
- * The index is completed first. A file-size limit or a closed pipe also raises its signal, SIGXFSZ or SIGPIPE, which
- * ends a process that has not asked otherwise.
+ * The index is completed first. A process that dies before both are leaves a pair that does not open or that
+ * `AttrDictCheck` refuses; only one whose index got no further than its first word, 0, is an empty dictionary's. A
+ * file-size limit or a closed pipe also raises its signal, SIGXFSZ or SIGPIPE, which ends a process that has not asked
+ * otherwise.
  */
 QX_API Boolean AttrDictCommit(AttrDict* adict);
 
