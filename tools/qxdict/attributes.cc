@@ -29,41 +29,6 @@ qx::Attributes Open(const std::string& path) {
   }
 }
 
-struct Lengths {
-  ULong bytes = 0;
-  ULong longest = 0;
-  ULong empty = 0;
-};
-
-// Compares the index with the records, from the first to the last.
-void CheckPair(const AttrDict& dict, Report* report, Lengths* lengths) {
-  const ULong words = dict.a_idx_size / sizeof(UInt);
-  const ULong wanted = (ULong{dict.a_size} + 3) / 4 + 1;
-  if (dict.a_idx_size % sizeof(UInt) != 0) report->Problem("the index ends within a number");
-  if (words != wanted) {
-    report->Problem(std::to_string(words) + " numbers in the index, where " + std::to_string(dict.a_size) +
-                    " identifiers need " + std::to_string(wanted));
-  }
-  if (!report->sound()) return;
-  size_t at = 0;
-  for (ULong id = 0; id < dict.a_size; id++) {
-    if (id % 4 == 0 && dict.a_idx[id / 4] != at) {
-      return report->Problem("identifier " + std::to_string(id) + " starts at " + std::to_string(at) +
-                             ", the index says " + std::to_string(dict.a_idx[id / 4]));
-    }
-    if (at >= dict.a_dat_size || dict.a_dat[at] >= dict.a_dat_size - at) {
-      return report->Problem("the data end before identifier " + std::to_string(id));
-    }
-    lengths->bytes += dict.a_dat[at];
-    lengths->longest = std::max(lengths->longest, ULong{dict.a_dat[at]});
-    lengths->empty += dict.a_dat[at] == 0;
-    at += size_t{1} + dict.a_dat[at];
-  }
-  if (at != dict.a_dat_size) {
-    report->Problem(std::to_string(dict.a_dat_size - at) + " bytes behind the last record");
-  }
-}
-
 Exit Info(const std::string& path, const Options& options, std::FILE* out) {
   const qx::Attributes attributes = Open(path);
   Report report;
@@ -78,31 +43,35 @@ Exit Info(const std::string& path, const Options& options, std::FILE* out) {
 Exit Check(const std::string& path, const Options& options, std::FILE* out) {
   const qx::Attributes attributes = Open(path);
   Report report;
-  Lengths lengths;
-  CheckPair(*attributes.get(), &report, &lengths);
+  const char* why = nullptr;
+  if (!AttrDictCheck(attributes.get(), &why)) report.Problem(why);
   return report.Verdict(NameOf(path), options, out);
 }
 
-// A pair that fits together, and how long its strings are.
-Lengths MustBeSound(const std::string& path, const qx::Attributes& attributes) {
-  Report report;
-  Lengths lengths;
-  CheckPair(*attributes.get(), &report, &lengths);
-  if (!report.sound()) throw Trouble{NameOf(path) + ": is damaged; see qxdict check"};
-  return lengths;
+void MustBeSound(const std::string& path, const qx::Attributes& attributes) {
+  const char* why = nullptr;
+  if (!AttrDictCheck(attributes.get(), &why)) throw Trouble{NameOf(path) + ": is damaged: " + why};
 }
 
 Exit Statistics(const std::string& path, const Options& options, std::FILE* out) {
   const qx::Attributes attributes = Open(path);
-  const Lengths lengths = MustBeSound(path, attributes);
+  MustBeSound(path, attributes);
+  ULong bytes = 0;
+  ULong longest = 0;
+  ULong empty = 0;
+  attributes.ForEach([&](std::string_view string) {
+    bytes += string.size();
+    longest = std::max<ULong>(longest, string.size());
+    empty += string.empty();
+  });
   Report report;
   report.Add("identifiers", ULong{attributes.size()});
-  report.Add("string bytes", lengths.bytes);
+  report.Add("string bytes", bytes);
   if (attributes.size() != 0) {
-    report.Add("mean length", static_cast<double>(lengths.bytes) / static_cast<double>(attributes.size()));
+    report.Add("mean length", static_cast<double>(bytes) / static_cast<double>(attributes.size()));
   }
-  report.Add("longest", lengths.longest);
-  report.Add("empty", lengths.empty);
+  report.Add("longest", longest);
+  report.Add("empty", empty);
   report.Print(options, out);
   return kYes;
 }

@@ -20,7 +20,6 @@ namespace {
 
 constexpr UInt kEmptySlot = 0xFFFFFFFF;
 constexpr UInt kTombstone = 0xFFFFFFFE;
-constexpr UInt kGreatestPrime = 4294967291;
 constexpr unsigned long kMostCapacity = 100000000;  // that a dump may ask for
 constexpr unsigned long kMostValueLength = 0x7FFFFFFF;
 
@@ -70,7 +69,12 @@ struct TableFile {
     for (; !HashTableIteratorEnd(it); HashTableIteratorNext(it)) visit(HashTableIteratorGetValue(it));
     HashTableIteratorFinalize(it);
   }
-  static ULong NextSlot(ULong slot, ULong slots) { return (slot + 1) % slots; }
+  static bool Sound(const Record* table, const char** why) { return HashTableCheck(table, why) != FALSE; }
+  static HashTableStatistics Figures(const Record* table) {
+    HashTableStatistics figures;
+    HashTableStats(table, &figures, nullptr);
+    return figures;
+  }
 };
 
 // A memory image of a HashDelTable, alone in a file.
@@ -130,77 +134,37 @@ struct ImageFile {
     for (; !HashDelTableIteratorEnd(it); HashDelTableIteratorNext(it)) visit(HashDelTableIteratorGetValue(it));
     HashDelTableIteratorFinalize(it);
   }
-  static ULong NextSlot(ULong slot, ULong slots) { return (slot + slots - 2 - slot % (slots - 2)) % slots; }
+  static bool Sound(const Record* table, const char** why) { return HashDelTableCheck(table, why) != FALSE; }
+  static HashTableStatistics Figures(const Record* table) {
+    HashTableStatistics figures;
+    HashDelTableStats(table, &figures, nullptr);
+    return figures;
+  }
 };
 
-// Whether the header's numbers can be those of a table; nothing else is looked at when they cannot.
-template <class F>
-void CheckHeader(const typename F::Record& table, Report* report) {
-  const Counts n = F::Count(table);
-  if (table.t_key_size > 4) report->Problem("a key length of " + std::to_string(table.t_key_size) + " bytes");
-  if (n.slots < 7 || n.slots > kGreatestPrime || Prime(n.slots) != n.slots) {
-    report->Problem(std::to_string(n.slots) + " slots, which is no prime from 7 on");
-  }
-  if (n.keys >= n.slots) report->Problem(std::to_string(n.keys) + " keys in " + std::to_string(n.slots) + " slots");
-  if (n.keys > n.capacity) report->Problem("more keys than the capacity of " + std::to_string(n.capacity));
-  if (table.t_data_used > table.t_data_size) report->Problem("more of the heap in use than there is");
-}
-
-// The entries that slots refer to. Every one must lie in the heap, and their number be what the header says.
-template <class F>
-std::vector<UInt> CheckSlots(const typename F::Record& table, Report* report) {
-  const Counts n = F::Count(table);
-  std::vector<UInt> offsets;
-  UInt tombstones = 0;
-  for (UInt slot = 0; slot < n.slots; slot++) {
+// The entries that the slots of a sound table name.
+template <class F, class Visit>
+void ForEachNamed(const typename F::Record& table, Visit visit) {
+  for (UInt slot = 0; slot < F::Count(table).slots; slot++) {
     const UInt offset = table.t_entries[slot];
-    if (offset == kEmptySlot) continue;
-    if (F::kRemoves && offset == kTombstone) {
-      tombstones++;
-    } else if (offset >= table.t_data_used) {
-      report->Problem("slot " + std::to_string(slot) + " leads outside the heap, to " + std::to_string(offset));
-    } else {
-      offsets.push_back(offset);
-    }
+    if (offset == kEmptySlot || (F::kRemoves && offset == kTombstone)) continue;
+    visit(table.t_data + offset);
   }
-  if (offsets.size() != n.keys) {
-    report->Problem(std::to_string(offsets.size()) + " slots lead to entries, not " + std::to_string(n.keys));
-  }
-  if (tombstones != n.deleted) {
-    report->Problem(std::to_string(tombstones) + " tombstones, not " + std::to_string(n.deleted));
-  }
-  std::ranges::sort(offsets);
-  if (std::ranges::adjacent_find(offsets) != offsets.end()) report->Problem("two slots lead to the same entry");
-  return offsets;
 }
 
-// Checks a table, and walks it at last: an image is cleaned up by that.
 template <class F>
 void CheckTable(typename F::Record* table, bool default_hash, Report* report) {
-  CheckHeader<F>(*table, report);
-  if (!report->sound()) return;
-  const std::vector<UInt> offsets = CheckSlots<F>(*table, report);
-  if (!report->sound()) return;
-  if (!table->t_selected && default_hash) {
-    for (const UInt offset : offsets) {
-      const std::string_view key = F::Key(table, table->t_data + offset);
-      if (F::Find(table, key, FALSE) != table->t_data + offset) {
-        report->Problem("the key of the entry at " + std::to_string(offset) + " is not found: " + Escaped(key));
-      }
+  const char* why = nullptr;
+  if (!F::Sound(table, &why)) return report->Problem(why);
+  if (table->t_selected || !default_hash) return;
+  // Nobody is harmed by a key that is not found; but the reader who is to find it would like to know.
+  ForEachNamed<F>(*table, [&](const UByte* entry) {
+    const std::string_view key = F::Key(table, entry);
+    if (F::Find(table, key, FALSE) != entry) {
+      report->Problem("is not found where the default hash puts it: " + Escaped(key));
     }
-    if (!report->sound()) return report->Problem("a table with a hash of its own? then: --any-hash");
-  }
-  if (F::kRemoves && !default_hash) return;  // the clean-up would hash
-  std::vector<UInt> walked;
-  F::Walk(table, [&](const UByte* entry) { walked.push_back(static_cast<UInt>(entry - table->t_data)); });
-  const size_t keys = F::Count(*table).keys;
-  if (table->t_selected ? walked.size() < keys : walked.size() != keys) {
-    report->Problem("a walk through the heap meets " + std::to_string(walked.size()) + " entries, not " +
-                    std::to_string(keys));
-  }
-  if (!F::kRemoves && !std::ranges::includes(walked, offsets)) {
-    report->Problem("a slot leads into the middle of an entry");
-  }
+  });
+  if (!report->sound()) report->Problem("a table with a hash of its own? then --any-hash");
 }
 
 // A table that may be walked and asked.
@@ -210,7 +174,7 @@ typename F::Owner ReadSound(const std::string& path, const Options& options) {
   Report report;
   CheckTable<F>(table.get(), options.default_hash, &report);
   if (!report.sound()) throw Trouble{path + ": is damaged, or has a hash of its own; see qxdict check"};
-  return F::Read(path);  // as it was, not cleaned up
+  return table;
 }
 
 template <class F>
@@ -243,38 +207,24 @@ Exit Check(const std::string& path, const Options& options, std::FILE* out) {
 template <class F>
 Exit Statistics(const std::string& path, const Options& options, std::FILE* out) {
   const typename F::Owner table = ReadSound<F>(path, options);
-  const Counts n = F::Count(*table);
-  ULong probes = 0;
-  ULong longest = 0;
+  const HashTableStatistics figures = F::Figures(table.get());
   ULong key_bytes = 0;
-  for (UInt slot = 0; slot < n.slots; slot++) {
-    const UInt offset = table->t_entries[slot];
-    if (offset == kEmptySlot || (F::kRemoves && offset == kTombstone)) continue;
-    const std::string_view key = F::Key(table.get(), table->t_data + offset);
-    key_bytes += key.size();
-    if (table->t_selected || !options.default_hash) continue;
-    ULong length = 1;
-    for (ULong at = HashBytes(Bytes(key), static_cast<UInt>(key.size())) % n.slots; at != slot;
-         at = F::NextSlot(at, n.slots)) {
-      if (++length > n.slots) break;  // a slot that no probe meets: the library's own search stops as early
-    }
-    probes += length;
-    longest = std::max(longest, length);
-  }
+  ForEachNamed<F>(*table, [&](const UByte* entry) { key_bytes += F::Key(table.get(), entry).size(); });
   Report report;
-  report.Add("keys", ULong{n.keys});
-  report.Add("load", static_cast<double>(n.keys) / n.slots);
-  if (F::kRemoves) report.Add("tombstones", ULong{n.deleted});
-  if (probes != 0) {
-    report.Add("mean probe", static_cast<double>(probes) / n.keys);
-    report.Add("longest probe", longest);
+  report.Add("keys", ULong{figures.s_keys});
+  report.Add("load", figures.s_load);
+  if (F::kRemoves) report.Add("tombstones", ULong{figures.s_tombstones});
+  if (figures.s_longest_probe != 0 && options.default_hash) {
+    report.Add("mean probe", figures.s_mean_probe);
+    report.Add("longest probe", ULong{figures.s_longest_probe});
   }
-  const ULong value_bytes = ULong{n.keys} * table->t_val_len;
   report.Add("key bytes", key_bytes);
-  report.Add("value bytes", value_bytes);
-  report.Add("other heap bytes", table->t_data_used - key_bytes - value_bytes);
-  report.Add("heap bytes free", table->t_data_size - table->t_data_used);
-  report.Add("slot bytes", size_t{n.slots} * sizeof(UInt));
+  report.Add("value bytes", ULong{figures.s_keys} * table->t_val_len);
+  report.Add("padding bytes", figures.s_padding);
+  report.Add("dead bytes", figures.s_dead);
+  report.Add("heap bytes used", figures.s_heap_used);
+  report.Add("heap bytes free", figures.s_heap_size - figures.s_heap_used);
+  report.Add("slot bytes", size_t{figures.s_slots} * sizeof(UInt));
   report.Print(options, out);
   return kYes;
 }
