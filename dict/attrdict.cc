@@ -22,6 +22,7 @@
 #include "dict/file_stream.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
+#include "util/errno_internal.h"
 
 namespace {
 
@@ -40,18 +41,6 @@ static_assert(offsetof(AttrDict, a_idx) == 8 && offsetof(AttrDict, a_idx_size) =
 static_assert(offsetof(AttrDict, a_dat) == 24 && offsetof(AttrDict, a_dat_size) == 32);
 static_assert(offsetof(AttrDict, a_idx_file) == 40 && offsetof(AttrDict, a_dat_file) == 48);
 static_assert(offsetof(AttrDict, a_offset) == 56 && offsetof(AttrDict, a_swap) == 60);
-
-// Puts errno back at the end of its scope: the failure that a caller hears of is the first, not one of the clean-up's.
-class ErrnoKeeper {
- public:
-  ErrnoKeeper() : error_(errno) {}
-  ~ErrnoKeeper() { errno = error_; }
-  ErrnoKeeper(const ErrnoKeeper&) = delete;
-  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-
- private:
-  int error_;
-};
 
 using Path = std::array<char, kPathRoom>;
 
@@ -73,7 +62,7 @@ AttrDict* New() {
 }
 
 void Release(AttrDict* adict) {
-  const ErrnoKeeper keeper;
+  const qx::ErrnoKeeper keeper;
   UnAllocate_(adict, kModule, __LINE__);
 }
 
@@ -113,7 +102,7 @@ void WriteUInt(AttrDict* adict, UInt val) {
 bool Close(FILE* f) {
   const bool failed = ferror(f) != 0;
   if (fflush(f) != 0 || fsync(fileno(f)) != 0) {
-    const ErrnoKeeper keeper;
+    const qx::ErrnoKeeper keeper;
     fclose(f);
     return false;
   }
@@ -194,7 +183,7 @@ AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
   qx::Stream idx = OpenForWriting(dir, name, kIndexSuffix, &path);
   qx::Stream dat = idx ? OpenForWriting(dir, name, kDataSuffix, &path) : nullptr;
   if (!dat) {
-    const ErrnoKeeper keeper;
+    const qx::ErrnoKeeper keeper;
     idx.reset();
     Release(adict);
     return nullptr;
@@ -253,7 +242,7 @@ AttrDict* AttrDictOpen(const char* dir, const char* name) {
   }
   adict->a_dat = static_cast<UByte*>(Map(dir, name, kDataSuffix, &adict->a_dat_size, &empty));
   if (adict->a_dat == nullptr && !empty) {
-    const ErrnoKeeper keeper;
+    const qx::ErrnoKeeper keeper;
     FileUnmap(adict->a_idx, adict->a_idx_size);
     Release(adict);
     return nullptr;

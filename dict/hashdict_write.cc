@@ -10,9 +10,8 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "dict/hashdict_internal.h"
+#include "util/errno_internal.h"
 
 namespace hashdict {
 namespace {
@@ -77,10 +76,9 @@ Boolean HashDictWrite(const HashDict* hdict, const char* dir, const char* name, 
   if (!FilePath(path, dir, name, suffix)) return FALSE;
   Channel* f = ChannelNew(-1, -1);
   if (ChannelOpenFile(f, path, "w") && HashDictFileWrite_(hdict, f, swap) && ChannelSync(f)) return ChannelClose(f);
-  const int error = errno;
+  const qx::ErrnoKeeper keeper;
   ChannelClose(f);
   unlink(path);
-  errno = error;
   return FALSE;
 }
 

@@ -24,6 +24,7 @@
 #include "dict/replace_file.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
+#include "util/errno_internal.h"
 
 namespace {
 
@@ -105,9 +106,8 @@ Outcome ReadBlock(FILE* f, const HashTable* table, size_t size, size_t count, bo
     }
     const size_t piece = std::min(room - done, kPieceItems);
     if (!ReadBytes(f, block + done * size, piece * size)) {
-      const int error = errno;
+      const qx::ErrnoKeeper keeper;
       HashFree(table, size, block, room);
-      errno = error;
       return Outcome::kShort;
     }
     done += piece;
@@ -130,9 +130,8 @@ Outcome ReadTable(FILE* f, HashTable* table) {
   if (outcome != Outcome::kRead) return outcome;
   outcome = ReadBlock(f, table, 1, table->t_data_size, certain, &heap);
   if (outcome != Outcome::kRead) {
-    const int error = errno;
+    const qx::ErrnoKeeper keeper;
     HashFree(table, sizeof(UInt), slots, table->t_entries_size);
-    errno = error;
     return outcome;
   }
   table->t_entries = static_cast<UInt*>(slots);
@@ -140,7 +139,8 @@ Outcome ReadTable(FILE* f, HashTable* table) {
   return Outcome::kRead;
 }
 
-// Writes a file for an exported function, whose failures name the file `name`.
+// Writes a file for an exported function, whose failures name the file `name`. One that is written under that name is
+// made stable with it; another is to be renamed.
 bool WriteFile(const HashTable& table, const char* path, const char* name, const char* function) {
   qx::Stream f = qx::OpenStream(path, "w");
   if (!f) {
@@ -149,7 +149,8 @@ bool WriteFile(const HashTable& table, const char* path, const char* name, const
   }
   if (!WriteHeader(f.get(), table)) return false;
   if (!WriteItems(f.get(), table.t_entries, sizeof(UInt), table.t_entries_size) ||
-      !WriteItems(f.get(), table.t_data, 1, table.t_data_size) || fflush(f.get()) != 0 || fsync(fileno(f.get())) != 0) {
+      !WriteItems(f.get(), table.t_data, 1, table.t_data_size) || fflush(f.get()) != 0 || fsync(fileno(f.get())) != 0 ||
+      (path == name && !qx::SyncDirectoryOf(path))) {
     QX_RETHROW_IN(kModule, function, "error writing %s", name);
     QXErrorSave();
     f.reset();

@@ -5,9 +5,10 @@
 
 #include <sys/mman.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+
+#include "util/errno_internal.h"
 
 namespace qx {
 
@@ -17,9 +18,8 @@ inline void AdviseHugePages(void* mapping, size_t bytes) {
   constexpr size_t kSmallPage = 4096;
   constexpr size_t kWorthwhile = size_t{8} << 20;
   if (mapping == nullptr || bytes < kWorthwhile) return;
-  const int error = errno;
+  const ErrnoKeeper keeper;
   madvise(mapping, (bytes + kSmallPage - 1) & ~(kSmallPage - 1), MADV_HUGEPAGE);
-  errno = error;
 }
 
 // The same for a block of the allocator's, whose ends lie within pages that are not its own: all pages between them.

@@ -21,6 +21,7 @@
 
 #include "qxlib/memory.h"
 #include "util/descriptor_internal.h"
+#include "util/errno_internal.h"
 
 namespace qx {
 
@@ -45,10 +46,9 @@ class Replacement {
     CloseKeepingErrno(fd);
   }
   ~Replacement() {
+    const ErrnoKeeper keeper;
     if (state_ == State::kBeside) RemoveBeside();
-    const int error = errno;
     UnAllocate_(beside_, "dict/replace_file", __LINE__);
-    errno = error;
   }
   Replacement(const Replacement&) = delete;
   Replacement& operator=(const Replacement&) = delete;
@@ -77,9 +77,8 @@ class Replacement {
   }
 
   void RemoveBeside() {
-    const int error = errno;
+    const ErrnoKeeper keeper;
     unlink(beside_);
-    errno = error;
     state_ = State::kNone;
   }
 

@@ -25,6 +25,7 @@
 #include <utility>
 
 #include "qxlib/fatal_internal.h"
+#include "util/errno_internal.h"
 
 namespace {
 
@@ -169,6 +170,7 @@ void Deliver(QXMessageContext context, Text* text) {
 }
 
 QX_PRINTF(2, 0) void Report(const QXMessageContext& context, const char* format, va_list args) {
+  const qx::ErrnoKeeper keeper;
   const int error = errno;
   Text text;
   text.Format(format, args);
@@ -179,7 +181,6 @@ QX_PRINTF(2, 0) void Report(const QXMessageContext& context, const char* format,
   }
   Deliver(context, &text);
   text.Clear();
-  errno = error;
 }
 
 const char* OrEmpty(const char* text) { return text != nullptr ? text : ""; }
@@ -214,6 +215,7 @@ void QXMessage_(const char* format, ...) {
 }
 
 void QXErrorRethrow_(const char* format, ...) {
+  const qx::ErrnoKeeper keeper;
   const int error = errno;
   Text text;  // the arguments may point into the current error's
   va_list args;
@@ -223,10 +225,10 @@ void QXErrorRethrow_(const char* format, ...) {
   thread_end.Arm();
   state.current.text.Take(&text);
   state.current.code = error;
-  errno = error;
 }
 
 void QXErrorSave(void) {
+  const qx::ErrnoKeeper keeper;
   const int error = errno;
   if (state.depth < kDeepest) {
     SavedError& saved = state.saved[state.depth];
@@ -235,7 +237,6 @@ void QXErrorSave(void) {
     saved.system_error = error;
   }
   state.depth++;
-  errno = error;
 }
 
 void QXErrorRestore(void) {
@@ -253,10 +254,9 @@ const char* QXErrorText(void) { return state.current.text.c_str(); }
 int QXErrorCode(void) { return state.current.code; }
 
 void QXErrorClear(void) {
-  const int error = errno;
+  const qx::ErrnoKeeper keeper;
   state.current.text.Clear();
   state.current.code = 0;
-  errno = error;
 }
 
 void QXMessageHandlerSet(QXMessageHandler function, void* arg) {

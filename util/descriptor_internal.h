@@ -14,29 +14,29 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "util/errno_internal.h"
+
 namespace qx {
 
 constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 are the standard streams, whether they are open or not
 
 // Closes a descriptor and keeps errno.
 inline void CloseKeepingErrno(int fd) {
-  const int error = errno;
+  const ErrnoKeeper keeper;
   close(fd);
-  errno = error;
 }
 
 // Keeps those of the descriptors 0 to 2 that are closed from being given out, as long as it lives.
 class StandardPlaces {
  public:
   StandardPlaces() {
-    const int error = errno;
+    const ErrnoKeeper keeper;
     for (int fd = 0; fd < kFirstFreeDescriptor; fd++) {
       if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
       const int place = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
       if (place >= kFirstFreeDescriptor) close(place);  // another thread was faster
       if (place >= 0 && place < kFirstFreeDescriptor) held_[count_++] = place;
     }
-    errno = error;
   }
   ~StandardPlaces() {
     while (count_ > 0) CloseKeepingErrno(held_[--count_]);
@@ -71,9 +71,8 @@ inline int OpenDirectoryOf(const char* path) {
   char* const slash = strrchr(resolved, '/');
   slash[slash == resolved ? 1 : 0] = '\0';
   const int directory = OpenDescriptor(resolved, O_RDONLY | O_DIRECTORY);
-  const int error = errno;
+  const ErrnoKeeper keeper;
   free(resolved);
-  errno = error;
   return directory;
 }
 
