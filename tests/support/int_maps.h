@@ -194,6 +194,22 @@ class ModelMap {
     return {};
   }
 
+  // Some neighbouring keys at once.
+  std::string FindMany(Key first, size_t count) {
+    std::vector<Key> keys;
+    for (size_t i = 0; i < count; i++) {
+      const auto key = static_cast<Key>(first + i);
+      if (key != T::kNone) keys.push_back(key);
+    }
+    std::vector<Key> values(keys.size());
+    T::FindMany(map_.get(), keys.data(), keys.size(), values.data());
+    for (size_t i = 0; i < keys.size(); i++) {
+      bool added;
+      if (values[i] != plain_.Find(keys[i], T::kNone, T::kNone, &added)) return "FindMany";
+    }
+    return {};
+  }
+
   void Clear() {
     T::Clear(map_.get());
     plain_.Clear();

@@ -200,6 +200,41 @@ class TreeModel {
     return Compare();
   }
 
+  // What is read without writing, for a key and a range from it on.
+  std::string Read(Key lo, Key hi) const {
+    const auto at = map_.find(lo);
+    const Value expected = at == map_.end() ? kAbsent : at->second;
+    if (Api::FindShared(dict(), lo, kAbsent) != expected) return "find shared";
+    const Key keys[] = {hi, lo, 0, lo};
+    Value values[4];
+    Api::FindMany(dict(), keys, 4, kAbsent, values);
+    if (values[1] != expected || values[3] != expected) return "find many";
+    if (values[0] != Api::FindShared(dict(), hi, kAbsent)) return "find many: not what a single look-up gives";
+
+    const auto bound = map_.lower_bound(lo);
+    Key key = 0;
+    Value value = 0;
+    const Boolean there = Api::LowerBound(dict(), lo, &key, &value);
+    if ((there != FALSE) != (bound != map_.end())) return "lower bound: whether there is one";
+    if (there && (key != bound->first || value != bound->second)) return "lower bound";
+
+    List expected_range;
+    for (auto next = bound; next != map_.end() && next->first <= hi; ++next) expected_range.push_back(*next);
+    for (const Boolean reverse : {FALSE, TRUE}) {
+      List range;
+      Api::EnumerateRange(
+          dict(), lo, hi, reverse,
+          [](typename Api::Dict*, Key k, Value v, void* arg) -> Boolean {
+            static_cast<List*>(arg)->push_back({k, v});
+            return TRUE;
+          },
+          &range);
+      if (range != expected_range) return reverse ? "range in decreasing order" : "range in increasing order";
+      std::reverse(expected_range.begin(), expected_range.end());
+    }
+    return "";
+  }
+
   std::string Clear() {
     map_.clear();
     reference_.Clear();
@@ -225,7 +260,7 @@ class TreeModel {
 
   // The pairs in both orders against the map.
   std::string CompareOrder() const {
-    std::vector<std::pair<Key, Value>> expected(map_.begin(), map_.end());
+    List expected(map_.begin(), map_.end());
     if (Pairs<Api>(dict()) != expected) return "increasing order";
     std::reverse(expected.begin(), expected.end());
     if (Pairs<Api>(dict(), TRUE) != expected) return "decreasing order";
@@ -233,6 +268,8 @@ class TreeModel {
   }
 
  private:
+  using List = std::vector<std::pair<Key, Value>>;
+
   Owned<Api> dict_;
   typename Api::Reference reference_;
   std::map<Key, Value> map_;
