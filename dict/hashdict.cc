@@ -109,23 +109,6 @@ Id FindSlow(const HashDict& hdict, const UByte* bytes, UInt len) {
   return Answer(hdict, id, bytes, len);
 }
 
-// Whether the arrays cover what the header promises, and the ranks stay below h_nchars.
-bool Covers(const HashDict& hdict) {
-  if (hdict.h_size < 3 || hdict.h_size > kMaxFastSize) return false;
-  if (hdict.h_nbits == 0 || hdict.h_nbits > kMaxBits || hdict.h_probe > kMaxProbe) return false;
-  if (hdict.h_rank_size < kRanks * sizeof(Short)) return false;
-  if (hdict.h_coef_size / sizeof(Triple) < ULong{hdict.h_maxlen} * hdict.h_nchars) return false;
-  if (hdict.h_fun_size / sizeof(ULong) < ((ULong{hdict.h_size} + 1) * hdict.h_nbits + 63) / 64) return false;
-  if (hdict.h_probe_size < ULong{hdict.h_nentries} * hdict.h_probe) return false;
-  for (size_t byte = 0; byte < kRanks; byte++) {
-    if (Load<Short>(Bytes(hdict.h_rank) + byte * sizeof(Short)) >= Int{hdict.h_nchars}) return false;
-  }
-  return true;
-}
-
-// 2^64 / divisor rounded up, as Remainder wants it.
-ULong Reciprocal(Id divisor) { return ~ULong{0} / divisor + 1; }
-
 // A channel's length prefix, through the channel's buffer.
 bool ReadLength(Channel* f, UInt* length) {
   UByte bytes[sizeof *length];
@@ -170,13 +153,6 @@ bool FilePath(char (&path)[PATH_MAX], const char* dir, const char* name, const c
   if (length >= 0 && static_cast<size_t>(length) < sizeof path) return true;
   errno = ENAMETOOLONG;
   return false;
-}
-
-void SoundnessSet(HashDict* hdict) {
-  hdict->h_sound = 0;
-  if (!Covers(*hdict)) return;
-  hdict->h_sound = hdict->h_size;
-  for (Id k = 0; k < 3; k++) hdict->h_reciprocal[k] = Reciprocal(hdict->h_size - k);
 }
 
 }  // namespace hashdict
@@ -285,9 +261,7 @@ Id HashDictFind(const HashDict* hdict, const UByte* bytes, UInt len) {
     case Hashed::kVertices:
       break;
   }
-  // All three loads are on their way before one is used.
-  const Id x = FunGet(*hdict, triple.v[0]), y = FunGet(*hdict, triple.v[1]), z = FunGet(*hdict, triple.v[2]);
-  return Answer(*hdict, x ^ y ^ z, bytes, len);
+  return Answer(*hdict, Combine(*hdict, triple), bytes, len);
 }
 
 Id HashDictSize(const HashDict* hdict) { return hdict->h_nentries; }
@@ -319,3 +293,31 @@ Boolean HashDictMemClose(HashDict* hdict) {
 }
 
 void HashDictMMFree(HashDict* hdict) { UnAllocate_(hdict, kModule, __LINE__); }
+
+void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids) {
+  QX_ASSERT_TEXT(hdict != nullptr, "hdict != ((void *)0)");
+  if (!IsSound(*hdict)) {
+    for (UInt i = 0; i < n; i++) ids[i] = FindSlow(*hdict, keys[i], lens[i]);
+    return;
+  }
+  constexpr UInt kInFlight = 32;  // look-ups between asking for memory and its use
+  Triple vertices[kInFlight];
+  Hashed hashed[kInFlight];
+  for (UInt count; n > 0; n -= count, keys += count, lens += count, ids += count) {
+    count = std::min(n, kInFlight);
+    for (UInt i = 0; i < count; i++) {
+      if (n - count > i) __builtin_prefetch(keys[count + i]);
+      hashed[i] = HashFast<false>(*hdict, keys[i], lens[i], &vertices[i]);
+      if (hashed[i] == Hashed::kVertices) PrefetchFun(*hdict, vertices[i]);
+    }
+    for (UInt i = 0; i < count; i++) {
+      ids[i] = hashed[i] == Hashed::kVertices  ? Combine(*hdict, vertices[i])
+               : hashed[i] == Hashed::kDamaged ? FindSlow(*hdict, keys[i], lens[i])
+                                               : HASHDICT_NOT_FOUND;
+      if (hdict->h_probe != 0 && ids[i] < hdict->h_nentries) {
+        __builtin_prefetch(hdict->h_probe_code + size_t{ids[i]} * hdict->h_probe);
+      }
+    }
+    for (UInt i = 0; i < count && hdict->h_probe != 0; i++) ids[i] = Answer(*hdict, ids[i], keys[i], lens[i]);
+  }
+}

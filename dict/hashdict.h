@@ -28,7 +28,8 @@
  *
  * Trust: reading checks that the image is as long as its header says and nothing else. A damaged image gives wrong
  * answers, or ends the process with the assertion "*pc0 <= m0" or "*pc1 <= m0"; it never makes a look-up read outside
- * the image.
+ * the image. `HashDictCheck` tells beforehand. All of this rests on an image that stays as it was when it was opened:
+ * neither its bytes nor its length may change while a handle uses it.
  */
 #ifndef DICT_HASHDICT_H
 #define DICT_HASHDICT_H
@@ -98,7 +99,7 @@ typedef Id (*DictValFun)(void* dict, Id idx);
  * or another user of `random()` meanwhile, change the image (never its answers).
  *
  * Two equal keys can never be told apart: the build then goes on for ever. It reports "hdict: cannot generate" once,
- * after attempt 1000, and goes on.
+ * after attempt 1000, and goes on. `HashDictKeysDistinct` finds such keys beforehand.
  *
  * Memory: beside the dictionary about 26 bytes a key while building. Probe codes are stored in an array of
  * probe * probe bytes a key, of which the first `probe` bytes a key are used. Time: a pass over the keys for sizing,
@@ -120,8 +121,10 @@ QX_API void HashDictFree(HashDict* hdict);
  *         file cannot be mapped, when its name has no room in a path (ENAMETOOLONG) and when it is empty or shorter
  *         than its header says (EINVAL)
  *
- * A file that was mapped and then refused stays mapped. A file must not shrink while it is open: replace it by renaming
- * another one over it. Cost: a mapping; the file is read as look-ups touch it.
+ * A file that was mapped and then refused stays mapped. A mapped file must not be changed in any way while it is open:
+ * other bytes can make look-ups read outside it, and a shorter file ends the process with a signal. `HashDictWrite`
+ * writes in place; `HashDictReplace` renames a new file over the old one, which open handles keep.
+ * Cost: a mapping; the file is read as look-ups touch it.
  */
 QX_API HashDict* HashDictOpen(const char* dir, const char* name, const char* suffix);
 
@@ -219,8 +222,8 @@ QX_API size_t HashDictFileSize(const HashDict* hdict);
  *         without room in a path is ENAMETOOLONG and touches nothing
  *
  * The file is truncated first and written in place, and whatever goes by its name is REMOVED when opening, writing or
- * forcing fails, an older file that could not be opened included. To keep the older file until the new one is whole,
- * write under another name in the same directory and rename.
+ * forcing fails, an older file that could not be opened included. `HashDictReplace` keeps the older file until the new
+ * one is whole.
  */
 QX_API Boolean HashDictWrite(const HashDict* hdict, const char* dir, const char* name, const char* suffix,
                              Boolean swap);
@@ -251,6 +254,80 @@ QX_API Boolean HashDictMMWrite(const HashDict* hdict, Channel* f, size_t* writte
 
 /** `HashDictMMWrite` in the opposite byte order. */
 QX_API Boolean HashDictMMWriteSwapped(const HashDict* hdict, Channel* f, size_t* writtenSize);
+
+/* Additions since 1.0. */
+
+/**
+ * Addition: finds out whether keys are distinct, as a build wants them.
+ *
+ * @param nentries  number of keys
+ * @param dict      handed through to the callback
+ * @param key       gives the keys, as for `HashDictBuild` ("bytes != ((void *)0)" asserted)
+ * @param first     receives the number of the earlier one of two equal keys; may be null
+ * @param second    receives the number of the later one: the first key that repeats an earlier one; may be null
+ * @return TRUE when no two are equal; `*first` and `*second` are then left alone
+ *
+ * Memory: 12 bytes a key, for the time of the call. Time: expected linear, one pass over the keys in ascending order;
+ * two keys that look equal are asked for again, up to 16 keys after the later one came by.
+ */
+QX_API Boolean HashDictKeysDistinct(Id nentries, void* dict, DictKeyFun key, Id* first, Id* second);
+
+/**
+ * Addition: `HashDictBuild` from keys that lie in memory; the image is the same as the callbacks give.
+ *
+ * @param keys    the keys; one of length 0 may be null, another not (asserted: "bytes != ((void *)0)")
+ * @param lens    their lengths in bytes
+ * @param values  the values to store; null: each key's own number
+ *
+ * All three are only read, and not used after the call. Everything else is as for `HashDictBuild`.
+ */
+QX_API HashDict* HashDictBuildFromSlices(Id nentries, const UByte* const* keys, const UShort* lens, const Id* values,
+                                         UByte nbits, UByte probe, Boolean verbose);
+
+/**
+ * Addition: looks many keys up, several in flight at once: exactly what `HashDictFind` gives for each, in less time
+ * when the dictionary is larger than the caches.
+ *
+ * @param hdict  the dictionary, not null (asserted)
+ * @param n      number of keys; 0 is allowed
+ * @param keys   the keys, in any order, repeated or not; one of length 0 may be null
+ * @param lens   their lengths in bytes
+ * @param ids    receives for each key, at its place, what `HashDictFind` gives
+ */
+QX_API void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids);
+
+/**
+ * Addition: tells whether a dictionary is sound: every look-up of any key stays inside the image and ends without an
+ * assertion, and what is written of it is read again. Reading and look-ups stay inside the image without it; a caller
+ * who does not trust the source of an image asks once, after opening it.
+ *
+ * @param hdict   a dictionary, however made, or a handle whose image was refused by `HashDictMemOpen_`; null is not
+ * sound
+ * @param reason  receives a constant text that names the first thing wrong, or null when there is none; may be null
+ * @return TRUE when numbers, array sizes, widths, ranks and coefficients fit together. Function values and probe codes
+ *         can be any, so changed bytes among those are not seen, nor is an image of other keys
+ *
+ * Every dictionary that was built is sound. An image of the opposite byte order is not, nor are 48 zero bytes.
+ * Writes nothing, allocates nothing and gives no message. Cost: one pass over ranks and coefficients.
+ */
+QX_API Boolean HashDictCheck(const HashDict* hdict, const char** reason);
+
+/**
+ * Addition: writes the image as `HashDictWrite` does, in place of a file that may be there: readers see the old file or
+ * the new one, whole, whenever they look and whatever fails.
+ *
+ * The new file is written beside the old one (its name and ".new-" with numbers behind it), with its permissions,
+ * forced to stable storage, and renamed; then the directory is forced. A symbolic link is replaced, not followed.
+ * Handles that have the old file open keep it until they are closed.
+ *
+ * @return TRUE when the new file is in place and stable. FALSE, without a message and with `errno` set, when something
+ *         failed: the old file stands as it was and nothing is left beside it. Only when it was the directory that
+ * could not be forced is the new file in place, and the old one may be back after a power cut
+ *
+ * A process that dies here leaves the old file, and perhaps the new one beside it.
+ */
+QX_API Boolean HashDictReplace(const HashDict* hdict, const char* dir, const char* name, const char* suffix,
+                               Boolean swap);
 
 QX_END_DECLS
 

@@ -1,9 +1,8 @@
 // Building perfect-hash dictionaries.
 //
 //   size     one pass over the keys: longest key, bytes that occur
-//   attempt  draw coefficients, hash the keys into a random graph, take it apart edge by edge (hashdict_graph.h);
-//   with 1.25
-//            vertices a key a large graph comes apart nearly always, a small one often; if not, the next draw decides
+//   attempt  draw coefficients, hash the keys into a random graph, take it apart edge by edge (hashdict_graph.h); with
+//            1.25 vertices a key a large graph comes apart nearly always, a small one often; else the next draw decides
 //   assign   values to the vertices, in the reverse order
 //   check    one pass over the keys: write the probe codes, or check the values
 //
@@ -26,13 +25,6 @@ constexpr Id kAhead = 16;  // keys hashed ahead of the one whose places in memor
 constexpr Id VertexCount(Id nentries) { return static_cast<Id>(nentries * 1.25) + 5; }
 
 static_assert(VertexCount(kMaxEntries) == kMaxFastSize);
-
-// A key and its length, from the caller. The bytes are good until the next key is asked for.
-const UByte* GetKey(void* dict, DictKeyFun key, Id idx, UShort* length) {
-  const UByte* bytes = nullptr;
-  *length = key(dict, idx, &bytes);
-  return bytes;
-}
 
 // From marks (1: the byte occurs) to ranks.
 void RankBytes(HashDict* hdict) {
@@ -119,8 +111,7 @@ struct Pending {
 
 Id Find(const HashDict& hdict, const Pending& pending) {
   if (!pending.hashed) return HASHDICT_NOT_FOUND;
-  const Id* v = pending.triple.v;
-  return FunGet(hdict, v[0]) ^ FunGet(hdict, v[1]) ^ FunGet(hdict, v[2]);
+  return Combine(hdict, pending.triple);
 }
 
 // The code of entry `id`: the low bytes of p, least significant first.
@@ -151,13 +142,27 @@ void HashDictProbe(HashDict* hdict, void* dict, DictKeyFun key, DictValFun val) 
     const UByte* bytes = GetKey(dict, key, idx, &length);
     QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
     pending.hashed = HashFast<true>(*hdict, bytes, length, &pending.triple) == Hashed::kVertices;
-    if (pending.hashed) {
-      for (const Id v : pending.triple.v) __builtin_prefetch(&hdict->h_fun[ULong{v} * hdict->h_nbits >> 6]);
-    }
+    if (pending.hashed) PrefetchFun(*hdict, pending.triple);
     if (hdict->h_probe > 0) ProbeSet(hdict, idx, ProbeValue(bytes, length));
     pending.expected = val != nullptr ? val(dict, idx) : idx;
   }
 }
+
+// Keys and values that lie in memory, as the callbacks' `dict`.
+struct Slices {
+  const UByte* const* keys;
+  const UShort* lens;
+  const Id* values;
+
+  static UShort Key(void* slices, Id idx, const UByte** bytes) {
+    static constexpr UByte kEmpty = 0;
+    const auto* self = static_cast<const Slices*>(slices);
+    const UShort length = self->lens[idx];
+    *bytes = length > 0 ? self->keys[idx] : &kEmpty;
+    return length;
+  }
+  static Id Value(void* slices, Id idx) { return static_cast<const Slices*>(slices)->values[idx]; }
+};
 
 }  // namespace
 
@@ -195,4 +200,11 @@ void HashDictFree(HashDict* hdict) {
   AnonArrayFree_(hdict->h_rank, kModule, __LINE__);
   AnonArrayFree_(hdict->h_fun, kModule, __LINE__);
   UnAllocate_(hdict, kModule, __LINE__);
+}
+
+HashDict* HashDictBuildFromSlices(Id nentries, const UByte* const* keys, const UShort* lens, const Id* values,
+                                  UByte nbits, UByte probe, Boolean verbose) {
+  Slices slices = {keys, lens, values};
+  const DictValFun val = values != nullptr ? Slices::Value : nullptr;
+  return HashDictBuild(nentries, &slices, Slices::Key, val, nbits, probe, verbose);
 }

@@ -22,6 +22,7 @@
 #include <cstring>
 
 #include "dict/hashdict.h"
+#include "dict/remainder.h"
 #include "dict/report.h"
 
 namespace hashdict {
@@ -40,7 +41,15 @@ void* ArrayNew(ULong nvalues, ULong maxvalue, UShort* nbits, size_t* size);
 bool FilePath(char (&path)[PATH_MAX], const char* dir, const char* name, const char* suffix);
 
 // Fills the fields behind the listed ones from those: call it last, whenever a dictionary's arrays are in place.
+// (hashdict_check.cc)
 void SoundnessSet(HashDict* hdict);
+
+// A key and its length, from the caller. The bytes are good until the next key is asked for.
+inline const UByte* GetKey(void* dict, DictKeyFun key, Id idx, UShort* length) {
+  const UByte* bytes = nullptr;
+  *length = key(dict, idx, &bytes);
+  return bytes;
+}
 
 // Images lie at any address.
 template <typename T>
@@ -95,17 +104,21 @@ struct Triple {
   Id v[3];
 };
 
+// What the function values of a key's vertices combine to. All loads are on their way before one is used.
+inline Id Combine(const HashDict& hdict, const Triple& triple) {
+  const Id x = FunGet(hdict, triple.v[0]), y = FunGet(hdict, triple.v[1]), z = FunGet(hdict, triple.v[2]);
+  return x ^ y ^ z;
+}
+
+// Has the processor fetch what Combine will read.
+inline void PrefetchFun(const HashDict& hdict, const Triple& triple) {
+  for (const Id v : triple.v) __builtin_prefetch(Bytes(hdict.h_fun) + (ULong{v} * hdict.h_nbits >> 3));
+}
+
 enum class Hashed { kVertices, kAbsent, kDamaged };
 
 // Four 32-bit lanes, of which the hash uses three.
 using Lanes = UInt __attribute__((vector_size(16)));
-
-// value modulo divisor, where reciprocal is 2^64 / divisor rounded up (exact for 32 bits: Lemire, Kaser and Kurz,
-// "Faster remainder by direct computation", 2019).
-inline Id Remainder(Id value, ULong reciprocal, Id divisor) {
-  __extension__ using Wide = unsigned __int128;
-  return static_cast<Id>((static_cast<Wide>(reciprocal * value) * divisor) >> 64);
-}
 
 // The vertices of a key in a sound dictionary. kAbsent: no key is so long, or has such a byte. kDamaged: a coefficient
 // is out of range, so the key belongs to the slow hash; a dictionary that was just built (kTrusted) need not be asked.
@@ -127,9 +140,9 @@ inline Hashed HashFast(const HashDict& hdict, const UByte* bytes, UInt len, Trip
     if constexpr (!kTrusted) damage |= coef | (limit - coef);
   };
   const auto reduce = [&] {
-    sums[0] = Remainder(sums[0], hdict.h_reciprocal[0], m);
-    sums[1] = Remainder(sums[1], hdict.h_reciprocal[1], m - 1);
-    sums[2] = Remainder(sums[2], hdict.h_reciprocal[2], m - 2);
+    sums[0] = qx::Remainder(UInt{sums[0]}, m, hdict.h_reciprocal[0]);
+    sums[1] = qx::Remainder(UInt{sums[1]}, m - 1, hdict.h_reciprocal[1]);
+    sums[2] = qx::Remainder(UInt{sums[2]}, m - 2, hdict.h_reciprocal[2]);
   };
 
   // So many coefficients, and a remainder, can be added up without passing 32 bits.

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "dict/hashdict_internal.h"
+#include "dict/replace_file.h"
 #include "util/errno_internal.h"
 
 namespace hashdict {
@@ -46,6 +47,10 @@ bool PadToEight(Channel* f, size_t* writtenSize) {
   return true;
 }
 
+bool WriteFile(const HashDict& hdict, Channel* f, const char* path, Boolean swap) {
+  return ChannelOpenFile(f, path, "w") && HashDictFileWrite_(&hdict, f, swap) && ChannelSync(f);
+}
+
 }  // namespace
 }  // namespace hashdict
 
@@ -75,11 +80,25 @@ Boolean HashDictWrite(const HashDict* hdict, const char* dir, const char* name, 
   char path[PATH_MAX];
   if (!FilePath(path, dir, name, suffix)) return FALSE;
   Channel* f = ChannelNew(-1, -1);
-  if (ChannelOpenFile(f, path, "w") && HashDictFileWrite_(hdict, f, swap) && ChannelSync(f)) return ChannelClose(f);
+  if (WriteFile(*hdict, f, path, swap)) return ChannelClose(f);
   const qx::ErrnoKeeper keeper;
   ChannelClose(f);
   unlink(path);
   return FALSE;
+}
+
+Boolean HashDictReplace(const HashDict* hdict, const char* dir, const char* name, const char* suffix, Boolean swap) {
+  char path[PATH_MAX];
+  if (!FilePath(path, dir, name, suffix)) return FALSE;
+  qx::Replacement file(path);
+  if (!file) return FALSE;
+  Channel* f = ChannelNew(-1, -1);
+  if (!WriteFile(*hdict, f, file.beside(), swap)) {
+    const qx::ErrnoKeeper keeper;
+    ChannelClose(f);
+    return FALSE;
+  }
+  return ChannelClose(f) && file.TakePlace() ? TRUE : FALSE;
 }
 
 Boolean HashDictMMWrite(const HashDict* hdict, Channel* f, size_t* writtenSize) {

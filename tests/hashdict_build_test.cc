@@ -400,6 +400,64 @@ TEST(HashDictBuildCalls, KeysThatChangeInOneAttemptCostThatAttempt) {
   ExpectFound(hdict.get(), set);
 }
 
+// A key set as slices.
+struct Slices {
+  explicit Slices(const KeySet& set) {
+    for (const std::string& key : set.keys) {
+      keys.push_back(support::Bytes(key));
+      lens.push_back(static_cast<UShort>(key.size()));
+    }
+  }
+  std::vector<const UByte*> keys;
+  std::vector<UShort> lens;
+
+  Built Build(const Id* values, UByte nbits, UByte probe, Boolean verbose = FALSE) const {
+    return Built(
+        HashDictBuildFromSlices(static_cast<Id>(keys.size()), keys.data(), lens.data(), values, nbits, probe, verbose));
+  }
+};
+
+TEST(HashDictBuildFromSlices, GivesTheGoldenImages) {
+  const KeySet numbers = FirstNumbers(19);
+  const Slices slices(numbers);
+  support::ExpectGolden("hashdict-plain.dic", ImageOf(slices.Build(nullptr, 0, 0).get()));
+  support::ExpectGolden("hashdict-probe3.dic", ImageOf(slices.Build(nullptr, 0, 3).get()));
+  support::ExpectGolden("hashdict-probe8.dic", ImageOf(Slices(FirstNumbers(5)).Build(nullptr, 0, 8).get()));
+}
+
+TEST(HashDictBuildFromSlices, StoresValues) {
+  const KeySet set = ManyKeys(1000);
+  std::vector<Id> values;
+  for (Id i = 0; i < 1000; i++) values.push_back(i * 7919 % 1024);
+  const Built hdict = Slices(set).Build(values.data(), 10, 0);
+  EXPECT_EQ(hdict->h_nbits, 10);
+  for (Id i = 0; i < 1000; i++) EXPECT_EQ(Find(hdict.get(), set.keys[i]), values[i]);
+  KeySet callbacks = set;
+  callbacks.values = values;
+  EXPECT_EQ(ImageOf(hdict.get()), ImageOf(Built(callbacks.BuildValues(10)).get()));
+}
+
+TEST(HashDictBuildFromSlices, NoKeysNeedNoArrays) {
+  const Built hdict(HashDictBuildFromSlices(0, nullptr, nullptr, nullptr, 0, 0, FALSE));
+  EXPECT_EQ(hdict->h_nentries, 0u);
+  EXPECT_EQ(hdict->h_size, 5u);
+}
+
+TEST(HashDictBuildFromSlices, AnEmptyKeyMayBeNull) {
+  const UByte* keys[] = {support::Bytes(Numbers()[1]), nullptr};
+  const UShort lens[] = {4, 0};
+  const Built hdict(HashDictBuildFromSlices(2, keys, lens, nullptr, 0, 8, FALSE));
+  EXPECT_EQ(Find(hdict.get(), "eins"), 0u);
+  EXPECT_EQ(Find(hdict.get(), ""), 1u);
+}
+
+TEST(HashDictBuildFromSlices, ReportsWhenAsked) {
+  Messages messages;
+  Slices(FirstNumbers(1)).Build(nullptr, 0, 0, TRUE);
+  ASSERT_FALSE(messages.all().empty());
+  EXPECT_EQ(messages.all()[0].text, "hdict: nentries=1");
+}
+
 TEST(HashDictBuildMessages, TellWhatHappensWhenAsked) {
   KeySet set = FirstNumbers(19);
   const Messages messages;
@@ -481,6 +539,16 @@ TEST_F(HashDictBuildDeathTest, ArgumentsMustFitTogether) {
   EXPECT_ASSERTION(build(KeySet::Value, 8, 1), kModule, "HashDictBuild", text);
   build(nullptr, 32, 8);
   build(KeySet::Value, 32, 0);
+}
+
+TEST_F(HashDictBuildDeathTest, SlicesWantKeysAndFittingArguments) {
+  const UByte* keys[] = {nullptr};
+  const UShort lens[] = {1};
+  const Id values[] = {0};
+  EXPECT_ASSERTION(HashDictBuildFromSlices(1, keys, lens, nullptr, 0, 0, FALSE), kModule, "HashDictInit",
+                   "bytes != ((void *)0)");
+  EXPECT_ASSERTION(HashDictBuildFromSlices(1, keys, lens, values, 0, 0, FALSE), kModule, "HashDictBuild",
+                   "nbits <= 32 && (val == ((void *)0) || (probe == 0 && nbits != 0))");
 }
 
 TEST_F(HashDictBuildDeathTest, AProbeCodeHasEightBytesAtMost) {

@@ -49,6 +49,7 @@ class Opened {
   }
   bool opened() const { return opened_; }
   HashDict* get() { return &hdict_; }
+  const HashDict* get() const { return &hdict_; }
   UByte* data() const { return image_.data(); }
   Id Find(const std::string& key) const { return support::Find(&hdict_, key); }
 
@@ -717,6 +718,72 @@ TEST(HashDictFind, ManyThreadsMayShareAHandle) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// What FindMany gives for some keys.
+std::vector<Id> FindMany(const HashDict* hdict, const std::vector<std::string>& keys) {
+  std::vector<const UByte*> bytes;
+  std::vector<UInt> lens;
+  for (const std::string& key : keys) {
+    bytes.push_back(support::Bytes(key));
+    lens.push_back(static_cast<UInt>(key.size()));
+  }
+  std::vector<Id> ids(keys.size(), 0x12345678);
+  HashDictFindMany(hdict, static_cast<UInt>(keys.size()), bytes.data(), lens.data(), ids.data());
+  return ids;
+}
+
+void ExpectManyAsSingle(const HashDict* hdict, const std::vector<std::string>& keys) {
+  const std::vector<Id> ids = FindMany(hdict, keys);
+  for (size_t i = 0; i < keys.size(); i++) EXPECT_EQ(ids[i], Find(hdict, keys[i])) << keys[i];
+}
+
+TEST(HashDictFindMany, FindsTheKeysInAnyOrder) {
+  for (const char* name : {"hashdict-plain.dic", "hashdict-probe3.dic"}) {
+    const std::string image = Golden(name);
+    Opened opened(image);
+    EXPECT_EQ(FindMany(opened.get(), {"zwei", "", "null", "zwei", "siebzehn", "eins"}),
+              (std::vector<Id>{2, 13, 0, 2, 18, 1}));
+  }
+  EXPECT_EQ(FindMany(Opened(Golden("hashdict-probe3.dic")).get(), {"zwei", "zwie", "x", "eins", "siebzehnter"}),
+            (std::vector<Id>{2, kNotFound, kNotFound, 1, kNotFound}));
+}
+
+TEST(HashDictFindMany, NoKeysAreLookedUpAtAll) {
+  Opened opened(Golden("hashdict-plain.dic"));
+  HashDictFindMany(opened.get(), 0, nullptr, nullptr, nullptr);
+  const UByte* empty = nullptr;
+  const UInt length = 0;
+  Id id = 0;
+  HashDictFindMany(opened.get(), 1, &empty, &length, &id);
+  EXPECT_EQ(id, 13u);
+}
+
+TEST(HashDictFindMany, GivesWhatSingleLookUpsGiveHoweverMany) {
+  for (const char* name : {"hashdict-plain.dic", "hashdict-probe3.dic", "hashdict-probe8.dic", "hashdict-values.dic",
+                           "hashdict-odd.dic", "hashdict-empty.dic", "hashdict-bytes.dic"}) {
+    Opened opened(Golden(name));
+    for (const size_t count : {1u, 2u, 31u, 32u, 33u, 63u, 64u, 65u, 200u}) {
+      std::vector<std::string> keys;
+      for (size_t i = 0; i < count; i++) keys.push_back(i % 4 == 3 ? std::to_string(i) : Numbers()[i * 7 % 19]);
+      ExpectManyAsSingle(opened.get(), keys);
+    }
+  }
+}
+
+TEST(HashDictFindMany, OfADictionaryThatIsNotSoundToo) {
+  std::string image = Golden("hashdict-probe3.dic");
+  Poke<UShort>(&image, kMaxLength, 1000);  // more coefficients than there are
+  Opened uncovered(image);
+  ExpectManyAsSingle(uncovered.get(), Numbers());
+  EXPECT_EQ(FindMany(uncovered.get(), {"zwei", "x"}), (std::vector<Id>{2, kNotFound}));
+  // A coefficient that keeps its vertex within the graph, though it is too large: rank 9 ("n") at position 0.
+  image = Golden("hashdict-plain.dic");
+  const Id m = Peek<Id>(image, kSize);
+  Poke<Id>(&image, kHeader + 512 + 9 * 12, Peek<Id>(image, kHeader + 512 + 9 * 12) + m);
+  Opened damaged(image);
+  ExpectManyAsSingle(damaged.get(), {"eins", "null", "zwei", "neun"});
+  EXPECT_EQ(FindMany(damaged.get(), {"eins", "null"}), (std::vector<Id>{1, 0}));
+}
+
 TEST(HashDictDamaged, ACoefficientOutOfRangeIsTakenByTheLetter) {
   // "n" has one triple: rank 9 at position 0. Its vertices are 15, 9 and 20, of 28.
   const std::string image = Golden("hashdict-plain.dic");
@@ -848,8 +915,13 @@ std::vector<std::string> ManyKeys() {
 // Looks everything up; some keys may meet one of the two assertions, and nothing else may happen.
 void Probe(const Opened& opened) {
   for (const std::string& key : ManyKeys()) {
-    const std::string assertion = support::Trap([&] { opened.Find(key); });
+    Id single = 0, many = 0;
+    const std::string assertion = support::Trap([&] { single = opened.Find(key); });
     EXPECT_THAT(assertion, ::testing::AnyOf("", "*pc0 <= m0", "*pc1 <= m0"));
+    const UByte* bytes = support::Bytes(key);
+    const auto length = static_cast<UInt>(key.size());
+    EXPECT_EQ(support::Trap([&] { HashDictFindMany(opened.get(), 1, &bytes, &length, &many); }), assertion);
+    EXPECT_EQ(many, single);
   }
 }
 
@@ -972,6 +1044,8 @@ TEST(HashDictVertices, InAGraphOfMoreVerticesThanTheFastWayServes) { ExpectVerti
 using HashDictDeathTest = HashDictOpenTest;
 
 TEST_F(HashDictDeathTest, FindWantsADictionary) {
+  EXPECT_ASSERTION(HashDictFindMany(nullptr, 0, nullptr, nullptr, nullptr), kModule, "HashDictFindMany",
+                   "hdict != ((void *)0)");
   EXPECT_ASSERTION(HashDictFind(nullptr, support::Bytes("a"), 1), kModule, "HashDictFind", "hdict != ((void *)0)");
 }
 

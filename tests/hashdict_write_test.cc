@@ -440,6 +440,128 @@ TEST_F(HashDictWriteTest, AFileSizeLimitFailsAndRemovesTheFile) {
       ::testing::ExitedWithCode(0), "");
 }
 
+// Replacing: of a file "numbers.dic" with "old" in it.
+class HashDictReplaceTest : public HashDictWriteTest {
+ protected:
+  HashDictReplaceTest() { support::WriteFile(path_, "old"); }
+
+  Boolean Replace(const HashDict* hdict, Boolean swap = FALSE) {
+    errno = 0;
+    return HashDictReplace(hdict, dir(), "numbers", nullptr, swap);
+  }
+  // After a failure: the old file, nothing else, and the reason.
+  void ExpectOld(int error) {
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(support::ReadFile(path_), "old");
+    EXPECT_EQ(Files(), 1);
+  }
+  int Files() const {
+    int files = 0;
+    for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator(directory_.path())) files++;
+    return files;
+  }
+
+  const std::string path_ = directory_.file("numbers.dic");
+};
+
+TEST_F(HashDictReplaceTest, PutsTheImageInTheOldFilesPlace) {
+  Ledger ledger;
+  EXPECT_TRUE(Replace(plain_.get()));
+  support::ExpectGolden("hashdict-plain.dic", support::ReadFile(path_));
+  EXPECT_EQ(Files(), 1);
+  EXPECT_EQ(ledger.blocks(), 0u);
+  EXPECT_TRUE(Replace(plain_.get(), TRUE));
+  EXPECT_EQ(support::ReadFile(path_).substr(0, 8), std::string("\0\0\0\x13\0\0\0\x1C", 8));
+}
+
+TEST_F(HashDictReplaceTest, AFileThatIsNotThereIsMade) {
+  EXPECT_TRUE(HashDictReplace(plain_.get(), dir(), "others", "dictionary", FALSE));
+  support::ExpectGolden("hashdict-plain.dic", support::ReadFile(directory_.file("others.dictionary")));
+  EXPECT_TRUE(HashDictReplace(plain_.get(), nullptr, directory_.file("path").c_str(), nullptr, FALSE));
+  support::ExpectGolden("hashdict-plain.dic", support::ReadFile(directory_.file("path.dic")));
+}
+
+TEST_F(HashDictReplaceTest, WhoeverHasTheOldFileOpenKeepsIt) {
+  ASSERT_TRUE(Write("numbers"));
+  HashDict* old = HashDictOpen(dir(), "numbers", nullptr);
+  ASSERT_NE(old, nullptr);
+  KeySet one{{"siebzehn"}, {}, {}};
+  HashDict* built = one.Build();
+  EXPECT_TRUE(Replace(built));
+  HashDictFree(built);
+  EXPECT_EQ(support::Find(old, "siebzehn"), 18u);
+  HashDict* now = HashDictOpen(dir(), "numbers", nullptr);
+  ASSERT_NE(now, nullptr);
+  EXPECT_EQ(support::Find(now, "siebzehn"), 0u);
+  EXPECT_TRUE(HashDictClose(now));
+  EXPECT_TRUE(HashDictClose(old));
+}
+
+TEST_F(HashDictReplaceTest, TheFilesPermissionsStay) {
+  ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
+  EXPECT_TRUE(Replace(plain_.get()));
+  struct stat status;
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+}
+
+TEST_F(HashDictReplaceTest, AFailedOpenLeavesTheOldFile) {
+  fail_open = EMFILE;
+  disturb_close = EBADF;
+  Ledger ledger;
+  EXPECT_FALSE(Replace(plain_.get()));
+  ExpectOld(EMFILE);
+  EXPECT_EQ(ledger.blocks(), 0u);
+}
+
+TEST_F(HashDictReplaceTest, AFailedSyncLeavesTheOldFile) {
+  fail_sync = EIO;
+  disturb_close = EBADF;
+  EXPECT_FALSE(Replace(plain_.get()));
+  ExpectOld(EIO);
+}
+
+TEST_F(HashDictReplaceTest, AFailedCloseLeavesTheOldFile) {
+  fail_close = EIO;
+  EXPECT_FALSE(Replace(plain_.get()));
+  ExpectOld(EIO);
+}
+
+TEST_F(HashDictReplaceTest, ADirectoryIsNotReplaced) {
+  ASSERT_TRUE(std::filesystem::create_directory(directory_.file("folder.dic")));
+  errno = 0;
+  EXPECT_FALSE(HashDictReplace(plain_.get(), dir(), "folder", nullptr, FALSE));
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_TRUE(std::filesystem::is_directory(directory_.file("folder.dic")));
+  EXPECT_EQ(Files(), 2);
+}
+
+TEST_F(HashDictReplaceTest, AMissingDirectoryFailsWithItsErrno) {
+  errno = 0;
+  EXPECT_FALSE(HashDictReplace(plain_.get(), directory_.file("missing").c_str(), "numbers", nullptr, FALSE));
+  ExpectOld(ENOENT);
+}
+
+TEST_F(HashDictReplaceTest, APathWithoutRoomTouchesNothing) {
+  errno = 0;
+  EXPECT_FALSE(HashDictReplace(plain_.get(), dir(), std::string(PATH_MAX, 'n').c_str(), nullptr, FALSE));
+  ExpectOld(ENAMETOOLONG);
+}
+
+TEST_F(HashDictReplaceTest, AFileSizeLimitLeavesTheOldFile) {
+  const Opened large(LargeImage());
+  EXPECT_EXIT(
+      {
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit limit;
+        limit.rlim_cur = limit.rlim_max = 20000;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        const bool failed = !Replace(large.get()) && errno == EFBIG;
+        _exit(failed && support::ReadFile(path_) == "old" && Files() == 1 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(HashDictWriteTest, APathWithoutRoomTouchesNothing) {
   // What is left of the path when it is cut names a file that is there.
   std::string path = directory_.path();
