@@ -212,6 +212,19 @@ TEST(CacheIndex, AnEntryIsGoodAsLongAsNoOtherChangedOrItStillNamesTheBlock) {
   EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
 }
 
+TEST(CacheIndex, OnlyTheEntryThatNamesABlockIsTaken) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "older"));
+  const CacheBlock* const older = cache.Block("key");
+  ASSERT_TRUE(cache.Store("key", "newer"));
+  const CacheBlock* const newer = cache.Block("key");
+  EXPECT_FALSE(qxcache::IndexTake(cache.get(), older));
+  EXPECT_EQ(cache.Block("key"), newer);
+  EXPECT_TRUE(qxcache::IndexTake(cache.get(), newer));
+  EXPECT_EQ(cache.Indexed("key"), 0u);
+  EXPECT_FALSE(qxcache::IndexTake(cache.get(), newer));
+}
+
 TEST(CacheIndex, EveryAddressLeadsToItsPage) {
   for (const UInt page_size : {152u, 1024u, 1376u, 4096u, 65544u}) {
     const QuietCache cache({.region_size = 5, .page_size = page_size, .regions = 6});
