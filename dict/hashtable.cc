@@ -341,12 +341,17 @@ void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys,
     }
     for (UInt i = 0; i < count; i++) {
       places[i] = Likely(*table, hashes[i]);
-      if (places[i].offset != heap::kEmptySlot) __builtin_prefetch(table->t_data + places[i].offset);
+      if (places[i].offset == heap::kEmptySlot) continue;
+      __builtin_prefetch(table->t_data + places[i].offset);
+      __builtin_prefetch(table->t_data + places[i].offset + table->t_val_len + lens[done + i]);
     }
     for (UInt i = 0; i < count; i++, done++) {
       const heap::KeyGiven<HashTable> key(*table, keys[done]);
-      // A slot that is empty at once is an answer; of others the full search says whose they are.
-      if (places[i].offset != heap::kEmptySlot) places[i] = Search(*table, hashes[i], key, lens[done], ptr);
+      // Nothing likely is an answer, and so is a likely entry that is the one. Else the search goes its whole way.
+      if (places[i].offset != heap::kEmptySlot &&
+          (calls_back || !heap::Matches(*table, places[i].offset, key.bytes(), lens[done], ptr))) {
+        places[i] = Search(*table, hashes[i], key, lens[done], ptr);
+      }
       entries[done] = EntryAt(*table, places[i], offsets != nullptr ? &offsets[done] : nullptr);
     }
   }

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -336,19 +338,68 @@ TEST(HashTableReplace, LeavesTheOldFileWhateverFails) {
   EXPECT_EQ(QXErrorText(), "error renaming " + directory.file("d"));
   EXPECT_EQ(QXErrorCode(), EISDIR);
 
-  // A file that may not grow so long, at every length.
-  EXPECT_EXIT(
-      {
-        int wrong = 0;
-        support::LimitFileSize(99);
-        QXErrorClear();
-        if (HashTableReplace(table.get(), file.c_str())) wrong |= 1;
-        if (std::string(QXErrorText()) != "error writing " + file || QXErrorCode() != EFBIG) wrong |= 2;
-        _exit(wrong);
-      },
-      ::testing::ExitedWithCode(0), "");
+  // A file that may not grow so long: nothing of it fits, a part of the header, of the slots, of the heap.
+  for (const rlim_t most : {0ul, 20ul, 40ul, 70ul, 99ul}) {
+    EXPECT_EXIT(
+        {
+          int wrong = 0;
+          support::LimitFileSize(most);
+          QXErrorClear();
+          if (HashTableReplace(table.get(), file.c_str())) wrong |= 1;
+          if (std::string(QXErrorText()) != "error writing " + file || QXErrorCode() != EFBIG) wrong |= 2;
+          _exit(wrong);
+        },
+        ::testing::ExitedWithCode(0), "");
+  }
   EXPECT_EQ(ReadFile(file), "old");
   EXPECT_EQ(FilesIn(directory.path()), 2u);
+}
+
+// A process that writes one of two tables over and over until it is killed.
+template <typename Write>
+void KillAWriter(const std::string& file, const HashTable* first, const HashTable* second, int milliseconds,
+                 Write write) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (;;) {
+      write(first, file.c_str());
+      write(second, file.c_str());
+    }
+  }
+  usleep(static_cast<useconds_t>(milliseconds) * 1000);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST(HashTableFile, KilledWriterLeavesAWholeTableOrARefusedOne) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("t");
+  const HashTablePtr small = New(5), large = New(100000);
+  support::Insert(small.get(), "small");
+  support::Insert(large.get(), "large");
+  for (int i = 0; i < 12; i++) {
+    KillAWriter(file, small.get(), large.get(), 1 + 3 * i, HashTableWrite);
+    const HashTablePtr read(HashTableRead(file.c_str(), nullptr, nullptr, nullptr, FALSE));
+    if (read == nullptr) continue;
+    EXPECT_TRUE(HashTableCheck(read.get(), nullptr));
+    EXPECT_NE(support::Find(read.get(), HashTableCapacity(read.get()) == 5 ? "small" : "large"), nullptr);
+  }
+}
+
+TEST(HashTableReplace, KilledWriterLeavesTheOldTableOrTheNewOne) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("t");
+  const HashTablePtr small = New(5), large = New(100000);
+  support::Insert(small.get(), "small");
+  support::Insert(large.get(), "large");
+  ASSERT_TRUE(HashTableReplace(small.get(), file.c_str()));
+  for (int i = 0; i < 12; i++) {
+    KillAWriter(file, small.get(), large.get(), 1 + 3 * i, HashTableReplace);
+    const HashTablePtr read(HashTableRead(file.c_str(), nullptr, nullptr, nullptr, FALSE));
+    ASSERT_NE(read, nullptr);
+    EXPECT_TRUE(HashTableCheck(read.get(), nullptr));
+    EXPECT_NE(support::Find(read.get(), HashTableCapacity(read.get()) == 5 ? "small" : "large"), nullptr);
+  }
 }
 
 TEST(Replacement, PassesOverWhatAnotherProcessLeftBehind) {
