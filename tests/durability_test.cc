@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,13 @@ bool WriteTable(const support::TemporaryDirectory& dir) {
   return written;
 }
 
+bool ReplaceTable(const support::TemporaryDirectory& dir) {
+  HashTable* table = HashTableNew(5, nullptr, nullptr, nullptr, 4, 0, FALSE);
+  const bool written = HashTableReplace(table, dir.file("table").c_str()) != FALSE;
+  HashTableFree(table);
+  return written;
+}
+
 bool WriteAttributes(const support::TemporaryDirectory& dir) {
   AttrDict* adict = AttrDictBuild(dir.path().c_str(), "attributes", FALSE);
   AttrDictAdd(adict, nullptr, 0);
@@ -59,6 +68,21 @@ TEST_F(Durability, ATableIsSyncedAndItsName) {
   EXPECT_EQ(calls::synced, (Synced{"file", "directory"}));
 }
 
+TEST_F(Durability, AReplacedTableIsSyncedBeforeItsNewName) {
+  EXPECT_TRUE(ReplaceTable(dir_));
+  EXPECT_EQ(calls::synced, (Synced{"file", "directory"}));
+}
+
+TEST_F(Durability, AReplacementWhoseNameCannotBeSyncedIsInPlace) {
+  calls::fsync_error = EIO;
+  calls::fsync_from = 1;
+  EXPECT_FALSE(ReplaceTable(dir_));
+  EXPECT_EQ(QXErrorText(), "error syncing directory of " + dir_.file("table"));
+  EXPECT_EQ(QXErrorCode(), EIO);
+  EXPECT_EQ(support::ReadFile(dir_.file("table")).size(), 100u);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 1);
+}
+
 TEST_F(Durability, BothFilesOfAnAttributeDictionaryAreSyncedThenTheirNames) {
   EXPECT_TRUE(WriteAttributes(dir_));
   EXPECT_EQ(calls::synced, (Synced{"file", "file", "directory"}));
@@ -73,7 +97,7 @@ TEST_F(Durability, EverySyncThatFailsIsTold) {
   const struct {
     bool (*write)(const support::TemporaryDirectory&);
     int syncs;
-  } writers[] = {{WriteTable, 2}, {WriteAttributes, 3}, {WriteHashDict, 2}};
+  } writers[] = {{WriteTable, 2}, {ReplaceTable, 2}, {WriteAttributes, 3}, {WriteHashDict, 2}};
   for (const auto& [write, syncs] : writers) {
     for (int from = 0; from < syncs; from++) {
       const support::TemporaryDirectory dir;
