@@ -121,16 +121,13 @@ UInt Home(const typename T::Map& map, typename T::Key key) {
 
 // The slot that ends the probe from `home` on: the first that holds the key or is free, among those that lie at most
 // `reach` behind it. kNoSlot: all of these hold other keys.
-//
-// kHomeFirst: with a look at the home alone before all others. Most keys are there, and neighbouring ones all are; of
-// keys at random it is too few for the branch to be guessed, which costs where others wait to be looked up.
-template <typename T, bool kHomeFirst = true>
+template <typename T>
 UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt reach) {
   constexpr UInt kSlots = kGroup<typename T::Entry>;
   const typename T::Entry* entries = map.m_entries;
   const UInt size = map.m_allocated;
-  if constexpr (kHomeFirst) {
-    if (entries[home].e_key == key) return home;
+  if (reach == 0) {  // every key is at home, as neighbouring keys are
+    return entries[home].e_key == key || entries[home].e_key == T::kNone ? home : kNoSlot;
   }
   UInt s = home;
   for (UInt seen = 0; seen <= reach;) {
@@ -315,7 +312,7 @@ void FindMany(const typename T::Map* map, const typename T::Key* keys, size_t co
     if (i + kAhead < count) fetch(keys[i + kAhead]);
     const typename T::Key key = keys[i];
     QX_ASSERT_IN(T::kModule, T::kFindManyName, key != T::kNone, T::kFindText);
-    const UInt s = ProbeEnd<T, false>(*map, key, Home<T>(*map, key), map->m_reach);
+    const UInt s = ProbeEnd<T>(*map, key, Home<T>(*map, key), map->m_reach);
     if (s == kNoSlot) [[unlikely]] {
       values[i] = T::kNone;
       continue;
