@@ -51,11 +51,18 @@ if(TARGET qxdict_tool)
   install(TARGETS qxdict_tool RUNTIME COMPONENT qxdict-tools)
   file(RELATIVE_PATH way_to_libraries "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_target_properties(qxdict_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${way_to_libraries}")
-  install(FILES "${PROJECT_SOURCE_DIR}/docs/man/qxdict.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+  set(manual "${PROJECT_SOURCE_DIR}/docs/man/qxdict.1")
+  if(QXDICT_PACKAGING)
+    set(manual "${PROJECT_BINARY_DIR}/debian/qxdict.1.gz")
+  endif()
+  install(FILES "${manual}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
           COMPONENT qxdict-tools)
 endif()
 
 if(PROJECT_IS_TOP_LEVEL)
+  if(QXDICT_PACKAGING)
+    include(QxPackages)
+  endif()
   add_custom_target(uninstall
     COMMAND "${CMAKE_COMMAND}" -D "BUILD=${PROJECT_BINARY_DIR}" -P "${CMAKE_CURRENT_LIST_DIR}/uninstall.cmake"
     COMMENT "Removing what was installed" VERBATIM)

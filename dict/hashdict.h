@@ -112,7 +112,7 @@ QX_API HashDict* HashDictBuild(Id nentries, void* dict, DictKeyFun key, DictValF
 QX_API void HashDictFree(HashDict* hdict);
 
 /**
- * Opens the dictionary file `<dir>/<name>.<suffix>` by mapping it read-only.
+ * Opens a dictionary file by mapping it read-only. The file is `<dir>/<name>.<suffix>`.
  *
  * @param dir     the directory; null: none, the name is relative to the working directory (or absolute)
  * @param name    file name without the suffix
@@ -213,7 +213,7 @@ QX_API UInt HashDictMaxLength(const HashDict* hdict);
 QX_API size_t HashDictFileSize(const HashDict* hdict);
 
 /**
- * Writes the image to the file `<dir>/<name>.<suffix>` and forces it to stable storage.
+ * Writes the image to a file and forces it to stable storage. The file is `<dir>/<name>.<suffix>`.
  *
  * @param dir     the directory; null: none, as for `HashDictOpen`
  * @param suffix  null: "dic"

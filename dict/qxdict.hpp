@@ -296,7 +296,7 @@ class Dict {
     return Build(keys, options);
   }
 
-  /** Maps the file `<dir>/<name>.<suffix>`; a null `dir` is none. Throws `std::system_error`. */
+  /** Maps a file. It is `<dir>/<name>.<suffix>`; a null `dir` is none. Throws `std::system_error`. */
   static Dict Open(const char* dir, const char* name, const char* suffix = nullptr) {
     ::HashDict* dict = HashDictOpen(dir, name, suffix);
     if (dict == nullptr) detail::ThrowErrno("cannot open " + detail::PathOf(dir, FileName(name, suffix)));
@@ -336,7 +336,7 @@ class Dict {
   /** Bytes in the image. */
   size_t image_size() const { return HashDictFileSize(get()); }
 
-  /** Writes the file `<dir>/<name>.<suffix>` in place. Throws `std::system_error`. */
+  /** Writes a file in place. It is `<dir>/<name>.<suffix>`. Throws `std::system_error`. */
   void Write(const char* dir, const char* name, const char* suffix = nullptr) const {
     if (!HashDictWrite(get(), dir, name, suffix, FALSE)) {
       detail::ThrowErrno("cannot write " + detail::PathOf(dir, FileName(name, suffix)));
