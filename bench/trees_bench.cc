@@ -5,6 +5,7 @@
 // it has no stable places for values.
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <numeric>
 #include <vector>
@@ -185,6 +186,15 @@ void Turn(duel::Sheet& sheet, const Work<typename Contender::Integer>& work) {
     for (size_t i = 1; i <= count; i++) contender.Insert(static_cast<Integer>(i), static_cast<Integer>(i));
     return count;
   });
+
+  Contender again;
+  std::chrono::nanoseconds slowest{0};
+  for (const Integer key : work.keys) {
+    const auto start = std::chrono::steady_clock::now();
+    again.Insert(key, key);
+    slowest = std::max<std::chrono::nanoseconds>(slowest, std::chrono::steady_clock::now() - start);
+  }
+  sheet.Tell("slowest insert, us", static_cast<double>(slowest.count()) / 1000);
 }
 
 template <typename Integer, typename Ours>

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <numeric>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
@@ -527,6 +529,22 @@ TYPED_TEST(IntMap, FindManyAgreesWithTheSingleLookUps) {
   std::vector<K> values(keys.size());
   TypeParam::FindMany(map.get(), keys.data(), keys.size(), values.data());
   for (size_t i = 0; i < keys.size(); i++) ASSERT_EQ(values[i], map.At(keys[i]));
+}
+
+TYPED_TEST(IntMap, FindManyMayBeCalledByManyThreadsAtOnce) {
+  using K = typename TypeParam::Key;
+  OwnedMap<TypeParam> map;
+  for (K key = 0; key < 2000; key++) map.Put(key * 3, key);
+  std::vector<std::thread> threads;
+  for (K first = 0; first < 4; first++) {
+    threads.emplace_back([&map, first] {
+      std::vector<K> keys(6000), values(6000);
+      std::iota(keys.begin(), keys.end(), first);
+      TypeParam::FindMany(map.get(), keys.data(), keys.size(), values.data());
+      for (K i = 0; i < 5990; i++) ASSERT_EQ(values[i], keys[i] % 3 == 0 ? keys[i] / 3 : TypeParam::kNone);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 template <typename T>
