@@ -151,8 +151,8 @@ typedef struct Cache {
  *         than 4294967295 pages; more than 128 TiB
  *
  * The thresholds are taken as they are. Sensible ones rise: safety < low < high. The collector never spins, whatever
- * they say: when it has nothing to do, or a round through all full pages gave no page back, it waits for up to a second
- * or until a page is taken.
+ * they say: when it has nothing to do it waits for up to a second or until a store takes the page with which too few
+ * are free, and when a round through all full pages gave no page back, for up to a second or until any page is taken.
  *
  * Choosing `generationTime`. The ages of the objects are counted from the cache's creation. In its first generation a
  * collection drops whatever it meets; after it, only what has expired or was not used for 100 generations. So let T be

@@ -279,6 +279,32 @@ TEST_F(QXCacheStoreTest, AValueLivesUntilTheVeryMillisecond) {
   EXPECT_EQ(cache.Fetch("k"), "v");
 }
 
+TEST_F(QXCacheStoreTest, AClockThatStepsADayExpiresEarlyOrLateAndBreaksNothing) {
+  constexpr ULong kHour = 3600000, kDay = 24 * kHour;
+  const QuietCache cache;
+  ASSERT_TRUE(cache.Store("k", "v", kStart + kHour));
+  At(kStart + kDay);
+  EXPECT_EQ(cache.Fetch("k"), "(none)");
+  ASSERT_TRUE(cache.Store("of tomorrow", "w", kStart + kDay + kHour));
+  At(kStart);
+  EXPECT_EQ(cache.Fetch("k"), "v");
+  EXPECT_EQ(cache.Fetch("of tomorrow"), "w");
+  At(kStart - kDay);
+  ASSERT_TRUE(cache.Store("of yesterday", "u", kStart));
+  EXPECT_EQ(cache.Fetch("of yesterday"), "u");
+  EXPECT_EQ(cache.Fetch("of tomorrow"), "w");
+  for (const ULong time : {kStart - kDay, kStart, kStart + kDay, kStart - kDay}) {
+    At(time);
+    qxcache::ShiftHistogram(cache.get());
+    qxcache::GCGetMinTime(cache.get());
+    qxcache::Collector collector{.idle = false};
+    qxcache::GCCollect(cache.get(), &collector);
+    EXPECT_EQ(support::CheckCache(cache.get()), 0u);
+  }
+  At(kStart);
+  EXPECT_EQ(cache.Fetch("of yesterday"), "(none)");
+}
+
 TEST_F(QXCacheStoreTest, AKeyStoredTwiceHasTheSecondValue) {
   const QuietCache cache;
   ASSERT_TRUE(cache.Store("k", "first"));
