@@ -1,4 +1,5 @@
-// The perfect-hash dictionary beside cmph's CHD and BDZ and absl::flat_hash_map.
+// The perfect-hash dictionary beside cmph's CHD and BDZ and absl::flat_hash_map; look-ups in bulk beside single ones;
+// and opening a file beside tinycdb.
 //
 // cmph builds minimal perfect hashes of the same kind: they number the keys and keep none. Their numbers are their own,
 // ours are the caller's, so the checksum of a look-up pass is the sum of all numbers, n (n - 1) / 2 for each of them.
@@ -7,10 +8,16 @@
 //
 // Look-ups come in random order and find their key's bytes ready, one after the other, as they come from a stream.
 
+#include <cdb.h>
 #include <cmph.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -153,6 +160,91 @@ void AbslTurn(duel::Sheet& sheet, const Work& work) {
   });
 }
 
+// The same look-ups from slices: one after the other, or `batch` at a time.
+void BulkTurn(duel::Sheet& sheet, const Work& work, UByte probe, UInt batch) {
+  const size_t count = work.keys.size();
+  HashDict* hdict =
+      HashDictBuild(static_cast<Id>(count), const_cast<Keys*>(&work.keys), GetKey, nullptr, 0, probe, FALSE);
+  std::vector<const UByte*> keys;
+  std::vector<UInt> lens;
+  for (size_t i = 0; i < count; i++) {
+    keys.push_back(reinterpret_cast<const UByte*>(work.hits[i].data()));
+    lens.push_back(static_cast<UInt>(work.hits[i].size()));
+  }
+  std::vector<Id> ids(count);
+  const size_t passes = count < 1000000 ? 1000000 / count : 1;
+  sheet.Time("hit", count * passes, [&] {
+    uint64_t sum = 0;
+    for (size_t pass = 0; pass < passes; pass++) {
+      if (batch == 1) {
+        for (size_t i = 0; i < count; i++) ids[i] = HashDictFind(hdict, keys[i], lens[i]);
+      } else {
+        for (size_t i = 0; i < count; i += batch) {
+          HashDictFindMany(hdict, static_cast<UInt>(std::min<size_t>(batch, count - i)), &keys[i], &lens[i], &ids[i]);
+        }
+      }
+      for (const Id id : ids) sum += id;
+    }
+    return sum;
+  });
+  HashDictFree(hdict);
+}
+
+// A file that is opened for one look-up. In memory, so that no disk is measured.
+constexpr const char* kDirectory = "/dev/shm";
+constexpr size_t kOpenings = 20000;
+
+std::string FileName(const char* what) { return "qxdict-bench-" + std::string(what) + "-" + std::to_string(getpid()); }
+
+void OpenHashDictTurn(duel::Sheet& sheet, const Work& work) {
+  const auto count = static_cast<Id>(work.keys.size());
+  HashDict* hdict = HashDictBuild(count, const_cast<Keys*>(&work.keys), GetKey, nullptr, 0, 1, FALSE);
+  const std::string name = FileName("hashdict");
+  if (!HashDictWrite(hdict, kDirectory, name.c_str(), nullptr, FALSE)) std::abort();
+  HashDictFree(hdict);
+  sheet.Time("open, find, close", kOpenings, [&] {
+    uint64_t sum = 0;
+    for (size_t i = 0; i < kOpenings; i++) {
+      const std::string_view key = work.hits[i % work.hits.size()];
+      HashDict* opened = HashDictOpen(kDirectory, name.c_str(), nullptr);
+      sum += HashDictFind(opened, reinterpret_cast<const UByte*>(key.data()), static_cast<UInt>(key.size()));
+      HashDictClose(opened);
+    }
+    return sum;
+  });
+  std::filesystem::remove(std::string(kDirectory) + "/" + name + ".dic");
+}
+
+void OpenCdbTurn(duel::Sheet& sheet, const Work& work) {
+  const std::string path = std::string(kDirectory) + "/" + FileName("cdb");
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  cdb_make make;
+  if (cdb_make_start(&make, fd) != 0) std::abort();
+  for (uint32_t i = 0; i < work.keys.size(); i++) {
+    const std::string_view key = work.keys[i];
+    if (cdb_make_add(&make, key.data(), static_cast<unsigned>(key.size()), &i, sizeof i) != 0) std::abort();
+  }
+  if (cdb_make_finish(&make) != 0) std::abort();
+  close(fd);
+  sheet.Time("open, find, close", kOpenings, [&] {
+    uint64_t sum = 0;
+    for (size_t i = 0; i < kOpenings; i++) {
+      const std::string_view key = work.hits[i % work.hits.size()];
+      const int opened = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      cdb dict = {};
+      uint32_t number = 0;
+      if (cdb_init(&dict, opened) != 0) std::abort();
+      if (cdb_find(&dict, key.data(), static_cast<unsigned>(key.size())) <= 0) std::abort();
+      std::memcpy(&number, cdb_getdata(&dict), sizeof number);
+      sum += number;
+      cdb_free(&dict);
+      close(opened);
+    }
+    return sum;
+  });
+  std::filesystem::remove(path);
+}
+
 struct Lengths {
   const char* text;
   size_t shortest, longest;
@@ -173,16 +265,35 @@ void Membership(duel::Duel& duel, const std::shared_ptr<const Work>& work) {
   duel.Contend("absl::flat_hash_map", [work](duel::Sheet& sheet) { AbslTurn(sheet, *work); });
 }
 
+void Bulk(duel::Duel& duel, const std::shared_ptr<const Work>& work) {
+  duel.Contend("HashDictFindMany", [work](duel::Sheet& sheet) { BulkTurn(sheet, *work, 0, 1000); });
+  duel.Contend("HashDictFind", [work](duel::Sheet& sheet) { BulkTurn(sheet, *work, 0, 1); });
+  duel.Contend("FindMany, probe 2", [work](duel::Sheet& sheet) { BulkTurn(sheet, *work, 2, 1000); });
+  duel.Contend("Find, probe 2", [work](duel::Sheet& sheet) { BulkTurn(sheet, *work, 2, 1); });
+}
+
+void Opening(duel::Duel& duel, const std::shared_ptr<const Work>& work) {
+  duel.Contend("HashDict, probe 1", [work](duel::Sheet& sheet) { OpenHashDictTurn(sheet, *work); });
+  duel.Contend("tinycdb", [work](duel::Sheet& sheet) { OpenCdbTurn(sheet, *work); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  using Fill = void (*)(duel::Duel&, const std::shared_ptr<const Work>&);
+  constexpr struct {
+    const char* title;
+    Fill fill;
+  } kFamilies[] = {{"hashdict", Numbers},
+                   {"hashdict with probe codes", Membership},
+                   {"hashdict in bulk", Bulk},
+                   {"hashdict opened", Opening}};
   int failed = 0;
   for (const Lengths& lengths : kLengths) {
-    for (const bool membership : {false, true}) {
-      const std::string title =
-          std::string(membership ? "hashdict with probe codes" : "hashdict") + ", keys of " + lengths.text;
+    for (const auto& family : kFamilies) {
+      const std::string title = std::string(family.title) + ", keys of " + lengths.text;
       failed |= duel::Main(argc, argv, title.c_str(), [&](duel::Duel& duel, size_t count) {
-        (membership ? Membership : Numbers)(duel, MakeWork(count, lengths.shortest, lengths.longest));
+        family.fill(duel, MakeWork(count, lengths.shortest, lengths.longest));
       });
     }
   }
