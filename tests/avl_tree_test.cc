@@ -171,7 +171,7 @@ TYPED_TEST(AvlTree, RemovalFindsADeepSuccessorInAForgedTree) {
   Owned<TypeParam> dict;
   typename TypeParam::Reference reference(0);
   const std::vector<Node> forged = {{kTopBit | 3, 0, 10, 100}, {5, kTopBit | 4, 40, 400}, {0, kTopBit | 6, 30, 300},
-                                    {0, 0, 50, 500},           {7, 0, 20, 200},           {0, 0, 25, 250}};
+                                    {0, 0, 50, 500},           {kTopBit | 7, 0, 20, 200}, {0, 0, 25, 250}};
   std::copy(forged.begin(), forged.end(), &dict.node(2));
   dict.node(1).n_right = 2;
   dict.get()->d_free = reference.free = 8;
@@ -180,6 +180,7 @@ TYPED_TEST(AvlTree, RemovalFindsADeepSuccessorInAForgedTree) {
   EXPECT_EQ(TypeParam::Remove(dict.get(), 10, 7), 100u);
   EXPECT_EQ(reference.Remove(10, 7), 100u);
   EXPECT_EQ(std::memcmp(reference.nodes.data(), dict.get()->d_nodes, 8 * sizeof(Node)), 0);
+  EXPECT_EQ(dict.node(6).n_right, kTopBit);  // the released slot keeps its right flag beside the end of the list
   EXPECT_EQ(Shape(dict), "(. 20= ((25 30= .) 40= 50))");
 }
 
