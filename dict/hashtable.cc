@@ -11,6 +11,7 @@
 
 #include "dict/hashtable.h"
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstring>
@@ -293,8 +294,11 @@ UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean cre
 void HashTableGrow(HashTable* table, float factor, void* ptr) {
   QX_ASSERT(!table->t_selected);
   QX_ASSERT_TEXT(factor > 1.0F, "factor > 1.0");
+  // A large capacity that the slots do not hold comes from a damaged file, and would take memory without bounds.
+  constexpr UInt kSmallTable = 10000;
+  const UInt old = std::min(table->t_entries_capacity, std::max(table->t_entries_size, kSmallTable));
   UInt capacity;
-  if (!heap::ScaleCapacity(table->t_entries_capacity, factor, &capacity)) {
+  if (!heap::ScaleCapacity(old, factor, &capacity)) {
     QX_MESSAGE(qx::kFailure, FALSE, ":hashtable: capacity too large: capacity=%u, factor=%g", table->t_entries_capacity,
                static_cast<double>(factor));
     return;

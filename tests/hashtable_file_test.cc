@@ -716,6 +716,17 @@ TEST(HashTableRead, TableWithoutSlotsOrHeapGrowsBoth) {
   }
 }
 
+TEST(HashTableRead, ClaimedCapacityThatIsNotThereTakesNoMemoryToGrow) {
+  const TemporaryDirectory directory;
+  File file;
+  file.capacity = 900000000;
+  WriteFile(directory.file("t"), file.bytes());
+  HashTablePtr table = Read(directory.file("t"), FALSE);
+  ASSERT_NE(table, nullptr);
+  HashTableGrow(table.get(), 1.5F, nullptr);
+  EXPECT_EQ(HashTableCapacity(table.get()), 15000u);  // half as much again as 10000
+}
+
 TEST(HashTableRead, ClaimedHeapBytesThatAreNotThereTakeNoInsertion) {
   const TemporaryDirectory directory;
   for (const ULong data_used : {ULong{53}, ULong{1} << 31, ULong{0xFFFFFFF8}, ULong{1} << 40, ~ULong{0}}) {
