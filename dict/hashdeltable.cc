@@ -101,9 +101,29 @@ Place SearchSlots(const HashDelTable& table, UInt start, const heap::KeyGiven<Ha
   return {kNoSlot, heap::kEmptySlot};
 }
 
-// The same by the tags: a slot whose tag is another is not looked at.
+// The same by the tags: a slot whose tag is another is not looked at. Most ways end within the first four slots, which
+// do not depend on one another: their tags are fetched at once, and one branch decides about all.
 Place SearchTags(const HashDelTable& table, UInt start, UByte tag, const UByte* bytes, UInt len) {
+  constexpr UInt kAtOnce = 4;
   Probe probe(table.t_nentries, start);
+  UInt slots[kAtOnce];
+  UInt empty = 0;
+  UInt equal = 0;
+  bool more = true;
+  for (UInt i = 0; i < kAtOnce; i++) {
+    slots[i] = probe.slot();
+    const UByte seen = table.t_tags[slots[i]];
+    empty |= UInt{seen == tags::kEmpty} << i;
+    equal |= UInt{seen == tag} << i;
+    more &= probe.Next();  // in a table whose slot count is no prime the way may be that short: it is gone round again
+  }
+  for (equal &= empty ^ (empty - 1); equal != 0; equal &= equal - 1) {
+    const UInt slot = slots[std::countr_zero(equal)];
+    const UInt offset = table.t_entries[slot];
+    if (heap::Matches(table, offset, bytes, len, nullptr)) return {slot, offset};
+  }
+  if (empty != 0) return {slots[std::countr_zero(empty)], heap::kEmptySlot};
+  if (!more) return {kNoSlot, heap::kEmptySlot};
   do {
     const UByte seen = table.t_tags[probe.slot()];
     if (seen == tags::kEmpty) return {probe.slot(), heap::kEmptySlot};
