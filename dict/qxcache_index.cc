@@ -26,7 +26,8 @@ namespace qxcache {
 namespace {
 
 constexpr UInt kWays = 8;
-constexpr UInt kStages = 8;  // the largest front has 2^7 times the buckets of the first
+constexpr UInt kFullBucket = 5;  // words; with more on an average, many a bucket would have to give some up
+constexpr UInt kStages = 8;      // the largest front has 2^7 times the buckets of the first
 constexpr ULong kStageMask = kStages - 1;
 constexpr UInt kTagShift = 48;
 constexpr ULong kBytesPerWord = 128;  // of the cache, in the largest front: a word a small block
@@ -75,12 +76,12 @@ void FrontClear(CacheExtra* extra, FPrint key, ULong before) {
   }
 }
 
-// Goes to the next stage when the front is seven eighths full. Caller holds c_dict_lock.
+// Goes to the next stage when the buckets are full, on an average. Caller holds c_dict_lock.
 void FrontGrow(Cache* cache) {
   CacheExtra* const extra = cache->c_extra;
   const UInt stage = Stage(extra);
   if (stage + 1 >= kStages || extra->front_first << (stage + 1) > extra->front_most) return;
-  if (QXAVLLDictSize(cache->c_dict) <= (extra->front_first << stage) * (kWays - 1)) return;
+  if (QXAVLLDictSize(cache->c_dict) <= (extra->front_first << stage) * kFullBucket) return;
   __atomic_store_n(&extra->front_stage, stage + 1, __ATOMIC_RELAXED);
 }
 

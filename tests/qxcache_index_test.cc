@@ -89,7 +89,7 @@ TEST(CacheFront, AFullBucketGivesAWordUp) {
   std::vector<std::string> keys;
   for (int i = 10; i < 30; i++) keys.push_back("=" + std::to_string(i) + "00000000000000");
   for (const std::string& key : keys) ASSERT_TRUE(cache.Store(key, "of " + key));
-  EXPECT_EQ(CheckFront(cache.get()), 5u);  // since the 15th began the third stage
+  EXPECT_EQ(CheckFront(cache.get()), 8u);  // of the nine since the 11th key, which began the third stage
   for (int round = 0; round < 3; round++) {
     for (const std::string& key : keys) EXPECT_EQ(cache.Fetch(key), "of " + key);
     EXPECT_EQ(CheckFront(cache.get()), 8u);
@@ -146,11 +146,11 @@ TEST(CacheFront, GrowsWithTheIndexAndFindsEverythingAllTheWhile) {
   EXPECT_GT(CheckFront(cache.get()), 1000u);
 }
 
-TEST(CacheFront, AStageIsFullWhenSevenOfEightWordsAre) {
+TEST(CacheFront, AStageIsFullWithFiveWordsABucket) {
   const QuietCache cache(kSmall);
-  for (int i = 0; i < 7; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
+  for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
   EXPECT_EQ(cache->c_extra->front_stage, 0u);
-  EXPECT_EQ(CheckFront(cache.get()), 7u);
+  EXPECT_EQ(CheckFront(cache.get()), 5u);
   ASSERT_TRUE(cache.Store("one more", ""));
   EXPECT_EQ(cache->c_extra->front_stage, 1u);
   EXPECT_EQ(CheckFront(cache.get()), 0u);  // all words so far are void
