@@ -167,9 +167,9 @@ QX_API void AVLCheck(AVLDict* dict);
 /**
  * Looks a key up as `QXAVLDictFind` does, without writing to the dictionary. An addition since 1.0.
  *
- * AVLparam v  the key
- * AVLparam n  the caller's marker for an absent key
- * AVLreturn the value stored under `v`, or `n`
+ * @param v  the key
+ * @param n  the caller's marker for an absent key
+ * @return the value stored under `v`, or `n`
  *
  * Threads: may run beside itself and the other additions. Cost: that of `QXAVLDictFind` and a little more.
  */
@@ -178,10 +178,10 @@ QX_API AVLDictValue QXAVLDictFindShared(const AVLDict* dict, AVLDictKey v, AVLDi
 /**
  * Looks many keys up. An addition since 1.0.
  *
- * AVLparam keys    `count` keys, in any order, repeated or not
- * AVLparam count   how many; 0 is allowed
- * AVLparam n       the caller's marker for absent keys
- * AVLparam values  receives for each key, at its place, what `QXAVLDictFindShared` gives; may be the array of keys
+ * @param keys    `count` keys, in any order, repeated or not
+ * @param count   how many; 0 is allowed
+ * @param n       the caller's marker for absent keys
+ * @param values  receives for each key, at its place, what `QXAVLDictFindShared` gives; may be the array of keys
  *                itself, must not overlap it otherwise
  *
  * Threads: as for `QXAVLDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
@@ -193,10 +193,10 @@ QX_API void QXAVLDictFindMany(const AVLDict* dict, const AVLDictKey* keys, size_
 /**
  * Finds the least key that is not below another. An addition since 1.0.
  *
- * AVLparam v      the key to start from, the answer itself when it is there
- * AVLparam key    receives the key that was found; may be null
- * AVLparam value  receives its value; may be null
- * AVLreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ * @param v      the key to start from, the answer itself when it is there
+ * @param key    receives the key that was found; may be null
+ * @param value  receives its value; may be null
+ * @return TRUE; FALSE when every key is below `v`, and then nothing is stored
  *
  * Threads: as for `QXAVLDictFindShared`. Cost: one descent.
  */
@@ -206,11 +206,11 @@ QX_API Boolean QXAVLDictLowerBound(const AVLDict* dict, AVLDictKey v, AVLDictKey
  * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
  * since 1.0.
  *
- * AVLparam lo       the least key of the range; need not be there
- * AVLparam hi       the greatest; a range whose `hi` is below its `lo` is empty
- * AVLparam reverse  true: in decreasing order
- * AVLparam fun      as for `QXAVLDictEnumerate`
- * AVLreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ * @param lo       the least key of the range; need not be there
+ * @param hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * @param reverse  true: in decreasing order
+ * @param fun      as for `QXAVLDictEnumerate`
+ * @return TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
  *
  * Threads: as for `QXAVLDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
  */

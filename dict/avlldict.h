@@ -165,9 +165,9 @@ QX_API void AVLLCheck(AVLLDict* dict);
 /**
  * Looks a key up as `QXAVLLDictFind` does, without writing to the dictionary. An addition since 1.0.
  *
- * AVLLparam v  the key
- * AVLLparam n  the caller's marker for an absent key
- * AVLLreturn the value stored under `v`, or `n`
+ * @param v  the key
+ * @param n  the caller's marker for an absent key
+ * @return the value stored under `v`, or `n`
  *
  * Threads: may run beside itself and the other additions. Cost: that of `QXAVLLDictFind` and a little more.
  */
@@ -176,10 +176,10 @@ QX_API AVLLDictValue QXAVLLDictFindShared(const AVLLDict* dict, AVLLDictKey v, A
 /**
  * Looks many keys up. An addition since 1.0.
  *
- * AVLLparam keys    `count` keys, in any order, repeated or not
- * AVLLparam count   how many; 0 is allowed
- * AVLLparam n       the caller's marker for absent keys
- * AVLLparam values  receives for each key, at its place, what `QXAVLLDictFindShared` gives; may be the array of keys
+ * @param keys    `count` keys, in any order, repeated or not
+ * @param count   how many; 0 is allowed
+ * @param n       the caller's marker for absent keys
+ * @param values  receives for each key, at its place, what `QXAVLLDictFindShared` gives; may be the array of keys
  *                itself, must not overlap it otherwise
  *
  * Threads: as for `QXAVLLDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
@@ -191,10 +191,10 @@ QX_API void QXAVLLDictFindMany(const AVLLDict* dict, const AVLLDictKey* keys, si
 /**
  * Finds the least key that is not below another. An addition since 1.0.
  *
- * AVLLparam v      the key to start from, the answer itself when it is there
- * AVLLparam key    receives the key that was found; may be null
- * AVLLparam value  receives its value; may be null
- * AVLLreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ * @param v      the key to start from, the answer itself when it is there
+ * @param key    receives the key that was found; may be null
+ * @param value  receives its value; may be null
+ * @return TRUE; FALSE when every key is below `v`, and then nothing is stored
  *
  * Threads: as for `QXAVLLDictFindShared`. Cost: one descent.
  */
@@ -204,11 +204,11 @@ QX_API Boolean QXAVLLDictLowerBound(const AVLLDict* dict, AVLLDictKey v, AVLLDic
  * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
  * since 1.0.
  *
- * AVLLparam lo       the least key of the range; need not be there
- * AVLLparam hi       the greatest; a range whose `hi` is below its `lo` is empty
- * AVLLparam reverse  true: in decreasing order
- * AVLLparam fun      as for `QXAVLLDictEnumerate`
- * AVLLreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ * @param lo       the least key of the range; need not be there
+ * @param hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * @param reverse  true: in decreasing order
+ * @param fun      as for `QXAVLLDictEnumerate`
+ * @return TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
  *
  * Threads: as for `QXAVLLDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
  */

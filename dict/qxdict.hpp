@@ -145,6 +145,14 @@ bool Visit(Fun& fun, Args&&... args) {
   }
 }
 
+/** What a checker of the library finds wrong with a record; nothing where it is sound. */
+template <auto kCheck, class Record>
+std::optional<std::string_view> Damage(const Record* record) {
+  const char* reason = nullptr;
+  if (kCheck(record, &reason)) return std::nullopt;
+  return reason;
+}
+
 /** A caller's function on its way through a C function, together with what it threw there. */
 template <class Fun>
 class Passage {
@@ -331,6 +339,22 @@ class Dict {
     return id == HASHDICT_NOT_FOUND ? std::nullopt : std::optional<Id>(id);
   }
 
+  /** The first two keys of a range that are equal, by their places: the later one is the first that repeats another. */
+  template <std::ranges::random_access_range Keys>
+  requires std::convertible_to<std::ranges::range_reference_t<Keys>, std::string_view>
+  static std::optional<std::pair<Id, Id>> FindEqual(const Keys& keys) {
+    Building<Keys> building(keys);
+    std::pair<Id, Id> equal;
+    if (HashDictKeysDistinct(static_cast<Id>(building.keys.size()), &building, Building<Keys>::Key, &equal.first,
+                             &equal.second)) {
+      return std::nullopt;
+    }
+    return equal;
+  }
+
+  /** What is wrong with an image from outside; nothing where it is sound. */
+  std::optional<std::string_view> Damage() const { return detail::Damage<HashDictCheck>(get()); }
+
   Id size() const { return HashDictSize(get()); }
   UInt max_length() const { return HashDictMaxLength(get()); }
   /** Bytes in the image. */
@@ -340,6 +364,13 @@ class Dict {
   void Write(const char* dir, const char* name, const char* suffix = nullptr) const {
     if (!HashDictWrite(get(), dir, name, suffix, FALSE)) {
       detail::ThrowErrno("cannot write " + detail::PathOf(dir, FileName(name, suffix)));
+    }
+  }
+
+  /** As `Write`, in place of a file that may be there: readers see the old one or the new one, whole. */
+  void Replace(const char* dir, const char* name, const char* suffix = nullptr) const {
+    if (!HashDictReplace(get(), dir, name, suffix, FALSE)) {
+      detail::ThrowErrno("cannot replace " + detail::PathOf(dir, FileName(name, suffix)));
     }
   }
 
@@ -411,6 +442,8 @@ struct TableCalls {
   static constexpr auto kFree = HashTableFree;
   static constexpr auto kFind = HashTableFind;
   static constexpr auto kGrow = HashTableGrow;
+  static constexpr auto kReserve = HashTableReserve;
+  static constexpr auto kCheck = HashTableCheck;
   static constexpr auto kKey = HashTableKey;
   static constexpr auto kSize = HashTableSize;
   static constexpr auto kCapacity = HashTableCapacity;
@@ -440,6 +473,8 @@ struct DelTableCalls {
   static constexpr auto kFree = HashDelTableFree;
   static constexpr auto kFind = HashDelTableFind;
   static constexpr auto kGrow = HashDelTableGrow;
+  static constexpr auto kReserve = HashDelTableReserve;
+  static constexpr auto kCheck = HashDelTableCheck;
   static constexpr auto kKey = HashDelTableKey;
   static constexpr auto kSize = HashDelTableSize;
   static constexpr auto kCapacity = HashDelTableCapacity;
@@ -557,6 +592,15 @@ class BasicTable {
     Context context(functions_);
     Calls::kGrow(get(), factor, &context);
   }
+
+  /** Grows at once to a capacity that is known. Throws `std::length_error` when that cannot be had. */
+  void Reserve(UInt capacity) {
+    Context context(functions_);
+    if (!Calls::kReserve(get(), capacity, &context)) throw std::length_error("qxdict: the table cannot grow");
+  }
+
+  /** What is wrong with a table from outside; nothing where it is sound. */
+  std::optional<std::string_view> Damage() const { return detail::Damage<Calls::kCheck>(get()); }
 
   UInt size() const { return Calls::kSize(get()); }
   UInt capacity() const { return Calls::kCapacity(get()); }
@@ -734,18 +778,24 @@ class Table : public detail::BasicTable<detail::TableCalls, Value, Hash, Equal> 
   }
 
   /** Writes the table to a file, in place. Throws `std::system_error`. */
-  void Save(const std::string& path) const {
-    QXErrorClear();
-    if (HashTableWrite(this->get(), path.c_str())) return;
-    if (*QXErrorText() == '\0') detail::ThrowErrno("error writing " + path);
-    detail::ThrowRecorded();
-  }
+  void Save(const std::string& path) const { WriteWith<HashTableWrite>(path); }
+
+  /** As `Save`, in place of a file that may be there: readers see the old one or the new one, whole. */
+  void Replace(const std::string& path) const { WriteWith<HashTableReplace>(path); }
 
   /** An independent copy. */
   Table Copy() const { return Table(HashTableCopy(this->get()), this->functions_.hash, this->functions_.equal); }
 
  private:
   Table(::HashTable* table, Hash hash, Equal equal) : Base(table, std::move(hash), std::move(equal)) {}
+
+  template <auto kWrite>
+  void WriteWith(const std::string& path) const {
+    QXErrorClear();
+    if (kWrite(this->get(), path.c_str())) return;
+    if (*QXErrorText() == '\0') detail::ThrowErrno("error writing " + path);
+    detail::ThrowRecorded();
+  }
 };
 
 /** Byte-string keys, each with a `Value`, removable; see `dict/hashdeltable.h`. Otherwise as `Table`. */
@@ -835,6 +885,9 @@ class Attributes {
   }
 
   UInt size() const { return AttrDictSize(get()); }
+
+  /** What is wrong with a pair from outside; nothing where it is sound. */
+  std::optional<std::string_view> Damage() const { return detail::Damage<AttrDictCheck>(get()); }
 
   /** The string of an identifier; nothing when it has none. */
   std::optional<std::string_view> Get(Id id) const {
@@ -958,13 +1011,8 @@ struct Tree32Calls {
   static constexpr auto kRemove = QXAVLDictRemove;
   static constexpr auto kEnumerate = QXAVLDictEnumerate;
 
-  static std::optional<std::pair<Number, Number>> Neighbour(Record* tree, Number key, int side) {
-    Number* value = nullptr;
-    const Number found = QXAVLDictFindNearest(tree, key, side, &value);
-    // Node 1 is the header, which a search ends at where that side has no neighbour.
-    if (value == &tree->d_nodes[1].n_value) return std::nullopt;
-    return std::pair(found, *value);
-  }
+  static constexpr auto kLowerBound = QXAVLDictLowerBound;
+  static Number Below(Record* tree, Number key) { return QXAVLDictFindNearest(tree, key, -1, nullptr); }
 };
 
 struct Tree64Calls {
@@ -979,13 +1027,8 @@ struct Tree64Calls {
   static constexpr auto kRemove = QXAVLLDictRemove;
   static constexpr auto kEnumerate = QXAVLLDictEnumerate;
 
-  static std::optional<std::pair<Number, Number>> Neighbour(Record* tree, Number key, int side) {
-    const Number found = QXAVLLDictFindNearest(tree, key, side);
-    // 0 says "none", or is the neighbour: never above another key.
-    if (found == 0 && side > 0 && key != 0) return std::nullopt;
-    const Number* value = QXAVLLDictValueGet(tree, found);
-    return value == nullptr ? std::nullopt : std::optional(std::pair(found, *value));
-  }
+  static constexpr auto kLowerBound = QXAVLLDictLowerBound;
+  static Number Below(Record* tree, Number key) { return QXAVLLDictFindNearest(tree, key, -1); }
 };
 
 /** Calls `visit(key, value)` in order through a tree's enumeration, until it returns false (if it returns). */
@@ -1001,6 +1044,52 @@ bool EnumerateTree(Record* tree, bool reverse, Visit& visit) {
       &passage);
   passage.End();
   return ended != FALSE;
+}
+
+/** The pair of the least key that is not below another. */
+template <auto kLowerBound, class Record, class Number>
+std::optional<std::pair<Number, Number>> LowerBound(const Record* tree, Number key) {
+  std::pair<Number, Number> pair;
+  if (!kLowerBound(tree, key, &pair.first, &pair.second)) return std::nullopt;
+  return pair;
+}
+
+/** Walks a tree's pairs upwards by one search a step, so that the tree may change meanwhile. */
+template <class Tree>
+class PairIterator {
+ public:
+  using Number = typename Tree::Number;
+  using value_type = std::pair<Number, Number>;
+  using difference_type = std::ptrdiff_t;
+  using iterator_concept = std::forward_iterator_tag;
+  using iterator_category = std::input_iterator_tag;
+
+  PairIterator() = default;
+  PairIterator(const Tree* tree, Number from) : tree_(tree), at_(tree->FindAbove(from)) {}
+
+  const value_type& operator*() const { return *at_; }
+  PairIterator& operator++() {
+    const bool last = at_->first == std::numeric_limits<Number>::max();
+    at_ = last ? std::nullopt : tree_->FindAbove(at_->first + 1);
+    return *this;
+  }
+  PairIterator operator++(int) {
+    PairIterator before = *this;
+    ++*this;
+    return before;
+  }
+  bool operator==(const PairIterator& other) const { return at_ == other.at_; }
+  bool operator==(std::default_sentinel_t) const { return !at_.has_value(); }
+
+ private:
+  const Tree* tree_ = nullptr;
+  std::optional<value_type> at_;
+};
+
+/** The pairs of a tree with keys from `from` on. */
+template <class Tree>
+auto PairsFrom(const Tree* tree, typename Tree::Number from) {
+  return Range(PairIterator<Tree>(tree, from), std::default_sentinel);
 }
 
 /** What both AVL trees share: see `Tree32` and `Tree64`. */
@@ -1033,10 +1122,15 @@ class BasicTree {
   }
 
   /** The pair of the greatest key that is not above `key`. */
-  std::optional<Pair> FindBelow(Number key) const { return Calls::Neighbour(get(), key, -1); }
+  std::optional<Pair> FindBelow(Number key) const {
+    const Number found = Calls::Below(get(), key);
+    // 0 says "none", or is the neighbour.
+    const Number* value = Calls::kValueGet(get(), found);
+    return value == nullptr ? std::nullopt : std::optional<Pair>(std::in_place, found, *value);
+  }
 
   /** The pair of the least key that is not below `key`. */
-  std::optional<Pair> FindAbove(Number key) const { return Calls::Neighbour(get(), key, 1); }
+  std::optional<Pair> FindAbove(Number key) const { return LowerBound<Calls::kLowerBound>(get(), key); }
 
   /** The pair of the key nearest to `key`, of two equally near the greater. Costs both of the above. */
   std::optional<Pair> FindNearest(Number key) const {
@@ -1055,37 +1149,8 @@ class BasicTree {
     return EnumerateTree<Number, Calls::kEnumerate>(get(), reverse, visit);
   }
 
-  /** Walks the pairs upwards by one search a step, so that the tree may change meanwhile. */
-  class Iterator {
-   public:
-    using value_type = Pair;
-    using difference_type = std::ptrdiff_t;
-    using iterator_concept = std::forward_iterator_tag;
-    using iterator_category = std::input_iterator_tag;
-
-    Iterator() = default;
-    Iterator(const BasicTree* tree, Number from) : tree_(tree), at_(tree->FindAbove(from)) {}
-
-    const Pair& operator*() const { return *at_; }
-    Iterator& operator++() {
-      at_ = at_->first == std::numeric_limits<Number>::max() ? std::nullopt : tree_->FindAbove(at_->first + 1);
-      return *this;
-    }
-    Iterator operator++(int) {
-      Iterator before = *this;
-      ++*this;
-      return before;
-    }
-    bool operator==(const Iterator& other) const { return at_ == other.at_; }
-    bool operator==(std::default_sentinel_t) const { return !at_.has_value(); }
-
-   private:
-    const BasicTree* tree_ = nullptr;
-    std::optional<Pair> at_;
-  };
-
   /** The pairs with keys from `from` on, in order, as a forward range. */
-  auto pairs(Number from = 0) const { return Range(Iterator(this, from), std::default_sentinel); }
+  auto pairs(Number from = 0) const { return PairsFrom(this, from); }
 
   typename Calls::Record* get() const { return tree_.get(); }
 
@@ -1132,6 +1197,14 @@ class RedBlackTree {
     const Number old = QXRBDictRemove(get(), key, 0);
     return size() == before ? std::nullopt : std::optional<Number>(old);
   }
+
+  /** The pair of the least key that is not below `key`. */
+  std::optional<std::pair<Number, Number>> FindAbove(Number key) const {
+    return detail::LowerBound<QXRBDictLowerBound>(get(), key);
+  }
+
+  /** The pairs with keys from `from` on, in order, as a forward range. */
+  auto pairs(Number from = 0) const { return detail::PairsFrom(this, from); }
 
   UInt size() const { return QXRBDictSize(get()); }
   void Clear() { QXRBDictClear(get()); }

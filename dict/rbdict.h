@@ -136,9 +136,9 @@ QX_API void TreeCheck(RBDict* dict);
 /**
  * Looks a key up as `QXRBDictFind` does, without writing to the dictionary. An addition since 1.0.
  *
- * RBparam v  the key
- * RBparam n  the caller's marker for an absent key
- * RBreturn the value stored under `v`, or `n`; `n` for key 0
+ * @param v  the key
+ * @param n  the caller's marker for an absent key
+ * @return the value stored under `v`, or `n`; `n` for key 0
  *
  * Threads: may run beside itself and the other additions. Cost: that of `QXRBDictFind` and a little more.
  */
@@ -147,10 +147,10 @@ QX_API RBDictValue QXRBDictFindShared(const RBDict* dict, RBDictKey v, RBDictVal
 /**
  * Looks many keys up. An addition since 1.0.
  *
- * RBparam keys    `count` keys, in any order, repeated or not
- * RBparam count   how many; 0 is allowed
- * RBparam n       the caller's marker for absent keys
- * RBparam values  receives for each key, at its place, what `QXRBDictFindShared` gives; may be the array of keys
+ * @param keys    `count` keys, in any order, repeated or not
+ * @param count   how many; 0 is allowed
+ * @param n       the caller's marker for absent keys
+ * @param values  receives for each key, at its place, what `QXRBDictFindShared` gives; may be the array of keys
  *                itself, must not overlap it otherwise
  *
  * Threads: as for `QXRBDictFindShared`. Cost: of a large tree a fraction of the single look-ups', because several
@@ -162,10 +162,10 @@ QX_API void QXRBDictFindMany(const RBDict* dict, const RBDictKey* keys, size_t c
 /**
  * Finds the least key that is not below another. An addition since 1.0.
  *
- * RBparam v      the key to start from, the answer itself when it is there
- * RBparam key    receives the key that was found; may be null
- * RBparam value  receives its value; may be null
- * RBreturn TRUE; FALSE when every key is below `v`, and then nothing is stored
+ * @param v      the key to start from, the answer itself when it is there
+ * @param key    receives the key that was found; may be null
+ * @param value  receives its value; may be null
+ * @return TRUE; FALSE when every key is below `v`, and then nothing is stored
  *
  * Threads: as for `QXRBDictFindShared`. Cost: one descent.
  */
@@ -175,11 +175,11 @@ QX_API Boolean QXRBDictLowerBound(const RBDict* dict, RBDictKey v, RBDictKey* ke
  * Calls a function on the pairs whose keys lie in a range, in increasing order of the keys, or decreasing. An addition
  * since 1.0.
  *
- * RBparam lo       the least key of the range; need not be there
- * RBparam hi       the greatest; a range whose `hi` is below its `lo` is empty
- * RBparam reverse  true: in decreasing order
- * RBparam fun      as for `QXRBDictEnumerate`
- * RBreturn TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
+ * @param lo       the least key of the range; need not be there
+ * @param hi       the greatest; a range whose `hi` is below its `lo` is empty
+ * @param reverse  true: in decreasing order
+ * @param fun      as for `QXRBDictEnumerate`
+ * @return TRUE when every call returned non-zero (or there was none), FALSE as soon as one returned zero
  *
  * Threads: as for `QXRBDictFindShared`, as far as `fun` keeps to it. Cost: one descent, and the pairs in the range.
  */

@@ -66,6 +66,13 @@ TEST(Readme, FirstProgramInCPrintsWhatIsShown) {
   EXPECT_THAT(readme, ::testing::HasSubstr("\n    4 different words\n    to 2\n    be 2\n    or 1\n    not 1\n"));
 }
 
+TEST(Readme, DictionaryProgramInCPrintsWhatIsShown) {
+  const std::string readme = Document("README.md");
+  const std::string said = BuildAndRun(QX_CC " -std=c11", "first.c", Block(readme, "c", 1));
+  EXPECT_EQ(said, "three is number 2 of 3\n");
+  EXPECT_THAT(readme, ::testing::HasSubstr("\n    " + said));
+}
+
 TEST(Readme, FirstProgramInCxxPrintsTheSame) {
   const std::string program = Block(Document("README.md"), "cpp");
   EXPECT_LE(Lines(program).size(), 12u);

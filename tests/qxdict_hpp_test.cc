@@ -106,6 +106,21 @@ TEST(HppDict, ExceptionOfTheKeyFunctionIsThrownAgain) {
                Thrown);
 }
 
+TEST(HppDict, FindsEqualKeys) {
+  EXPECT_EQ(qx::Dict::FindEqual(std::vector<std::string>{"a", "b", "c"}), std::nullopt);
+  EXPECT_THAT(qx::Dict::FindEqual(std::vector<std::string>{"a", "b", "c", "b", "a"}), Optional(Pair(1, 3)));
+}
+
+TEST(HppDict, TellsDamage) {
+  const support::TemporaryDirectory directory;
+  qx::Dict::Build(std::vector<std::string>{"k"}).Replace(directory.path().c_str(), "d");
+  EXPECT_EQ(qx::Dict::Open(directory.path().c_str(), "d").Damage(), std::nullopt);
+  std::string image = support::ReadFile(directory.file("d.dic"));
+  image[12] = 77;  // distinct byte values
+  support::WriteFile(directory.file("d.dic"), image);
+  EXPECT_TRUE(qx::Dict::Open(directory.path().c_str(), "d").Damage().has_value());
+}
+
 TEST(HppDict, KeyPastTheLongestThrows) {
   EXPECT_THROW(qx::Dict::Build(std::vector<std::string>{std::string(65536, 'x')}), std::length_error);
 }
@@ -194,6 +209,16 @@ TYPED_TEST(HppTables, InsertGrowsAFullTableAndTryInsertDoesNot) {
   EXPECT_EQ(table.capacity(), 7u);
   EXPECT_EQ(table.size(), 6u);
   EXPECT_TRUE(table.TryInsert("another").has_value());
+}
+
+TYPED_TEST(HppTables, ReservesExactly) {
+  TypeParam table(5);
+  table["k"] += 1;
+  table.Reserve(1000);
+  EXPECT_EQ(table.capacity(), 1000u);
+  EXPECT_EQ(table["k"].value(), 1u);
+  EXPECT_THROW(table.Reserve(1431655766), std::length_error);
+  EXPECT_EQ(table.Damage(), std::nullopt);
 }
 
 TYPED_TEST(HppTables, EmptyTableHasNoEntries) {
@@ -359,6 +384,16 @@ TEST(HppTable, SavesAndLoads) {
   EXPECT_THROW(qx::Table<UInt>::Load(directory.file("t")), std::invalid_argument);
 }
 
+TEST(HppTable, ReplacesAFile) {
+  const support::TemporaryDirectory directory;
+  qx::Table<ULong> table(5);
+  table.Save(directory.file("t"));
+  table["key"].set(1);
+  table.Replace(directory.file("t"));
+  EXPECT_EQ(qx::Table<ULong>::Load(directory.file("t")).size(), 1u);
+  EXPECT_THROW(table.Replace("/nonexistent/t"), std::system_error);
+}
+
 TEST(HppTable, FilesThatFailThrow) {
   const support::TemporaryDirectory directory;
   EXPECT_THROW(qx::Table<ULong>(5).Save("/nonexistent/t"), std::system_error);
@@ -427,6 +462,7 @@ TEST(HppAttributes, GoRound) {
 
   const qx::Attributes attributes = qx::Attributes::Open(directory.path().c_str(), "a");
   EXPECT_EQ(attributes.size(), 3u);
+  EXPECT_EQ(attributes.Damage(), std::nullopt);
   EXPECT_EQ(attributes.Get(0), "one");
   EXPECT_EQ(attributes.Get(1), "");
   EXPECT_EQ(attributes.Get(3), std::nullopt);
@@ -527,6 +563,20 @@ TYPED_TEST(HppTrees, ForEachGoesInOrderAndStops) {
   EXPECT_THROW(tree.ForEach([](auto, auto) { throw Thrown(); }), Thrown);
   tree.Clear();
   EXPECT_EQ(tree.size(), 0u);
+}
+
+TEST(HppRedBlackTree, PairsAreARangeFromAKeyOn) {
+  qx::RedBlackTree tree;
+  for (const UInt key : {0xFFFFFFFFu, 1u, 5u}) tree.Insert(key, key / 2);
+  std::vector<UInt> keys;
+  for (const auto& [key, value] : tree.pairs()) {
+    keys.push_back(key);
+    EXPECT_EQ(value, key / 2);
+  }
+  EXPECT_THAT(keys, ElementsAre(1u, 5u, 0xFFFFFFFFu));
+  EXPECT_EQ(std::ranges::distance(tree.pairs(2)), 2);
+  EXPECT_THAT(tree.FindAbove(2), Optional(Pair(5, 2)));
+  EXPECT_EQ(qx::RedBlackTree().FindAbove(1), std::nullopt);
 }
 
 TEST(HppRedBlackTree, DoesNotStoreKeyZero) {

@@ -15,6 +15,7 @@
 namespace tool {
 namespace {
 
+constexpr std::string_view kSuffix = ".dic";
 constexpr size_t kLongestKey = 65535;
 constexpr size_t kMostEqual = 10;  // pairs of equal keys that are named
 
@@ -62,6 +63,7 @@ size_t ReadList(const std::string& path, const Options& options, List* list, std
 }  // namespace
 
 Exit Build(const std::string& path, const std::string& list_path, const Options& options, std::FILE* err) {
+  if (!path.ends_with(kSuffix)) throw Trouble{path + ": the name of a dictionary ends in .dic"};
   List list;
   const size_t equal = ReadList(list_path, options, &list, err);
   if (equal != 0) {
@@ -70,11 +72,9 @@ Exit Build(const std::string& path, const std::string& list_path, const Options&
   }
   const qx::BuildOptions how = {.probe = static_cast<UByte>(options.probe), .verbose = isatty(fileno(err)) != 0};
   const qx::Dict dict = options.values ? qx::Dict::Build(list.keys, list.values, how) : qx::Dict::Build(list.keys, how);
-  const std::string beside = path + ".new";
-  if (!HashDictWrite(dict.get(), nullptr, beside.c_str(), "dic", FALSE)) {
+  if (!HashDictReplace(dict.get(), nullptr, path.substr(0, path.size() - kSuffix.size()).c_str(), nullptr, FALSE)) {
     throw Trouble{"cannot write " + path + ": " + std::strerror(errno)};
   }
-  TakePlace(beside + ".dic", path);
   return kYes;
 }
 

@@ -1,9 +1,7 @@
-// .dic files. An image is measured against docs/formats.md before the library looks anything up in it.
+// .dic files.
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <optional>
 #include <vector>
 
 #include "dict/qxdict.hpp"
@@ -13,8 +11,6 @@
 
 namespace tool {
 namespace {
-
-constexpr size_t kHeader = 48;
 
 // A mapped dictionary file.
 class Image {
@@ -42,76 +38,19 @@ class Image {
   HashDict dict_ = {};
 };
 
-// A number of the image, which may lie at any address.
-template <class Number>
-Number At(const Number* numbers, size_t i) {
-  Number number;
-  std::memcpy(&number, reinterpret_cast<const UByte*>(numbers) + i * sizeof number, sizeof number);
-  return number;
-}
-
-ULong RoundUp(ULong n) { return (n + 7) / 8 * 8; }
-
-void CheckHeader(const Image& image, Report* report) {
-  const HashDict& d = image.dict();
-  if (d.h_nentries > 1717986914) return report->Problem("more keys than a dictionary can have");
-  const ULong vertices = ULong{d.h_nentries} + d.h_nentries / 4 + 5;
-  if (d.h_size != vertices) {
-    report->Problem(std::to_string(d.h_size) + " vertices where the keys need " + std::to_string(vertices));
-  }
-  if (d.h_nchars > 256) report->Problem("more than 256 byte values");
-  if (d.h_nbits < 1 || d.h_nbits > 32) report->Problem("a value of " + std::to_string(d.h_nbits) + " bits");
-  if (d.h_probe > 8) report->Problem("a probe code of " + std::to_string(d.h_probe) + " bytes");
-  const auto expect = [report](const char* what, ULong is, ULong wanted) {
-    if (is == wanted) return;
-    report->Problem(std::to_string(is) + " bytes of " + what + " where the header asks for " + std::to_string(wanted));
-  };
-  expect("ranks", d.h_rank_size, 512);
-  expect("coefficients", d.h_coef_size, RoundUp(ULong{12} * d.h_maxlen * d.h_nchars));
-  expect("function values", d.h_fun_size, ((ULong{d.h_size} + 1) * d.h_nbits + 63) / 64 * 8);
-  expect("probe codes", d.h_probe_size, RoundUp(ULong{d.h_nentries} * d.h_probe * d.h_probe));
-  const ULong all = kHeader + d.h_rank_size + d.h_coef_size + d.h_fun_size + d.h_probe_size;
-  if (image.size() != all) report->Problem(std::to_string(image.size() - all) + " bytes behind the image");
-}
-
-void CheckArrays(const HashDict& d, Report* report) {
-  std::vector<bool> seen(d.h_nchars);
-  size_t ranked = 0;
-  for (size_t byte = 0; byte < 256; byte++) {
-    const int rank = At(d.h_rank, byte);
-    if (rank == -1) continue;
-    if (rank < 0 || rank >= d.h_nchars || seen[static_cast<size_t>(rank)]) {
-      report->Problem("byte " + std::to_string(byte) + " has the rank " + std::to_string(rank));
-      continue;
-    }
-    seen[static_cast<size_t>(rank)] = true;
-    ranked++;
-  }
-  if (ranked != d.h_nchars) {
-    report->Problem(std::to_string(ranked) + " bytes have ranks, not " + std::to_string(d.h_nchars));
-  }
-  const size_t coefficients = size_t{3} * d.h_maxlen * d.h_nchars;
-  for (size_t i = 0; i < coefficients; i++) {
-    const Id coefficient = At(d.h_coef, i);
-    if (coefficient >= d.h_size) {
-      report->Problem("coefficient " + std::to_string(i) + " is " + std::to_string(coefficient) + ", not below " +
-                      std::to_string(d.h_size));
-    }
-  }
-}
-
-// Everything that can be known of an image without its keys.
 void CheckImage(const Image& image, Report* report) {
+  const char* why = nullptr;
   if (!image.opened()) return report->Problem("is shorter than its header says, or has none");
-  CheckHeader(image, report);
-  if (report->sound()) CheckArrays(image.dict(), report);
+  if (!HashDictCheck(&image.dict(), &why)) return report->Problem(why);
+  const size_t behind = image.size() - HashDictFileSize(&image.dict());
+  if (behind != 0) report->Problem(std::to_string(behind) + " bytes behind the image");
 }
 
 // An image that look-ups may trust.
 void MustBeSound(const std::string& path, const Image& image) {
-  Report report;
-  CheckImage(image, &report);
-  if (!report.sound()) throw Trouble{path + ": is damaged; see qxdict check"};
+  const char* why = nullptr;
+  if (!image.opened()) throw Trouble{path + ": is shorter than its header says, or has none"};
+  if (!HashDictCheck(&image.dict(), &why)) throw Trouble{path + ": is damaged: " + why};
 }
 
 Exit Info(const std::string& path, const Options& options, std::FILE* out) {

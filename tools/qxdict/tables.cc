@@ -52,7 +52,11 @@ struct TableFile {
   static Owner New(UInt capacity, UInt val_len, UByte key_size) {
     return Owner(HashTableNew(capacity, nullptr, nullptr, nullptr, val_len, key_size, TRUE));
   }
-  static bool Write(Record* table, const std::string& path) { return HashTableWrite(table, path.c_str()) != FALSE; }
+  static void Write(Record* table, const std::string& path) {
+    QXErrorClear();
+    if (HashTableReplace(table, path.c_str())) return;
+    throw Trouble{"cannot write " + path + ": " + std::strerror(QXErrorCode() != 0 ? QXErrorCode() : errno)};
+  }
   static Counts Count(const Record& t) { return {t.t_entries_capacity, t.t_entries_used, t.t_entries_size, 0}; }
   static UByte* Find(Record* table, std::string_view key, Boolean create) {
     return HashTableFind(table, Bytes(key), static_cast<UInt>(key.size()), create, nullptr, nullptr);
@@ -104,18 +108,23 @@ struct ImageFile {
   static Owner New(UInt capacity, UInt val_len, UByte key_size) {
     return Owner(HashDelTableNew(capacity, nullptr, nullptr, nullptr, val_len, key_size));
   }
-  static bool Write(Record* table, const std::string& path) {
+  static void Write(Record* table, const std::string& path) {
+    const std::string beside = path + ".new";
     UByteArray image;
     ArrayInit_(&image.a);
     HashDelTableMemWrite(table, &image);
     Channel* out = ChannelNew(-1, -1);
-    const bool written = ChannelOpenFile(out, path.c_str(), "w") &&
-                         ChannelWriteBuf(out, image.t.elts, image.t.length) && ChannelSync(out);
-    const int error = errno;
-    const bool closed = ChannelClose(out) != FALSE;
-    if (!written) errno = error;
+    bool written = ChannelOpenFile(out, beside.c_str(), "w") && ChannelWriteBuf(out, image.t.elts, image.t.length) &&
+                   ChannelSync(out);
+    int error = errno;
+    if (!ChannelClose(out) && written) {
+      written = false;
+      error = errno;
+    }
     ArrayFree_(&image.a, "qxdict", __LINE__);
-    return written && closed;
+    if (written) return TakePlace(beside, path);
+    unlink(beside.c_str());
+    throw Trouble{"cannot write " + path + ": " + std::strerror(error)};
   }
   static Counts Count(const Record& t) { return {t.t_nkeys_max, t.t_nkeys, t.t_nentries, t.t_deleted}; }
   static UByte* Find(Record* table, std::string_view key, Boolean create) {
@@ -305,13 +314,7 @@ Exit Load(const std::string& path, std::FILE* in) {
         if (table == nullptr) throw Trouble{"no memory for a table of that capacity"};
       },
       [&table](const std::string& line, const std::string& where) { LoadEntry<F>(table.get(), line, where); });
-  const std::string beside = path + ".new";
-  if (!F::Write(table.get(), beside)) {
-    const int error = QXErrorCode() != 0 ? QXErrorCode() : errno;
-    unlink(beside.c_str());
-    throw Trouble{"cannot write " + path + ": " + std::strerror(error)};
-  }
-  TakePlace(beside, path);
+  F::Write(table.get(), path);
   return kYes;
 }
 
