@@ -82,7 +82,7 @@ TEST_F(CorrectionsTest, ThatMayNotBeKeptAreWorkedOutEachTime) {
   const Outcome run = Lexicon(Basics() + "--keep 0 " + directory_.file("text"));
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_THAT(run.output, HasSubstr("each correction kept for 0.0 us\n"));
-  EXPECT_THAT(run.output, HasSubstr("    6 of 7 words asked for: 0 hits, 6 misses, 0.0 percent hits\n"
+  EXPECT_THAT(run.output, HasSubstr("    6 of 7 words asked for: 0 hits, 6 misses, 0.0 percent hits; 3 had expired\n"
                                     "    the cache holds 6 answers"));
 }
 

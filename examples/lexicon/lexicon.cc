@@ -248,27 +248,26 @@ Corrections::Corrections(const HashDict* dictionary, const std::vector<std::stri
   if (!cache_) throw Error{"no memory for the cache of corrections"};
 }
 
-bool Corrections::Fetch(const std::string& foreign, std::string* answer) {
-  UByteArray bytes;
-  ArrayInit_(&bytes.a);
-  const bool found = QXCacheGetDynamic(cache_.get(), Bytes(foreign), &bytes) != FALSE;
-  if (found && bytes.t.length > 0) answer->assign(reinterpret_cast<const char*>(bytes.t.elts), bytes.t.length);
-  ArrayFree_(&bytes.a, "lexicon", __LINE__);
-  return found;
-}
-
-std::string Corrections::Of(const std::string& foreign) {
+std::string Corrections::Of(const std::string& foreign, bool* worked_out) {
   std::string answer;
-  if (Fetch(foreign, &answer)) {
-    hits_++;
-    return answer;
-  }
-  misses_++;
+  const QXCacheReadFunction copy = [](const UByte* value, UInt size, void* to) -> Boolean {
+    static_cast<std::string*>(to)->assign(reinterpret_cast<const char*>(value), size);
+    return TRUE;
+  };
+  const UByte* const key = Bytes(foreign);
+  *worked_out = !QXCacheRead(cache_.get(), key, copy, &answer);
+  if (!*worked_out) return answer;
   answer = WorkOutCorrections(dictionary_, *words_, foreign);
   // A cache that refuses has no room just now. The answer is as good without it, and will be worked out again.
-  QXCacheStore(cache_.get(), Bytes(foreign), Bytes(answer), static_cast<UInt>(answer.size()),
+  QXCacheStore(cache_.get(), key, Bytes(answer), static_cast<UInt>(answer.size()),
                GetCurrentTimeMilliseconds() + keep_milliseconds_);
   return answer;
+}
+
+QXCacheStatistics Corrections::Statistics() const {
+  QXCacheStatistics statistics;
+  QXCacheStats(cache_.get(), &statistics);
+  return statistics;
 }
 
 Corrections::Fill Corrections::HowFull() const {

@@ -105,11 +105,11 @@ class Corrections {
  public:
   Corrections(const HashDict* dictionary, const std::vector<std::string>* words, ULong keep_milliseconds);
 
-  // Which words the foreign one may stand for.
-  std::string Of(const std::string& foreign);
+  // Which words the foreign one may stand for, and whether that had to be worked out.
+  std::string Of(const std::string& foreign, bool* worked_out);
 
-  size_t hits() const { return hits_; }
-  size_t misses() const { return misses_; }
+  // What has happened so far.
+  QXCacheStatistics Statistics() const;
 
   // How many answers the cache holds, their bytes, and the bytes it could hold.
   struct Fill {
@@ -120,14 +120,10 @@ class Corrections {
   Fill HowFull() const;
 
  private:
-  bool Fetch(const std::string& foreign, std::string* answer);
-
   const HashDict* dictionary_;
   const std::vector<std::string>* words_;
   ULong keep_milliseconds_;
   AnswerCache cache_;
-  size_t hits_ = 0;
-  size_t misses_ = 0;
 };
 
 }  // namespace lexicon

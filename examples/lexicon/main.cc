@@ -233,23 +233,24 @@ void CorrectTexts(const HashDict* dictionary, const std::vector<std::string>& wo
   const auto correct = [&](const std::string& word, UInt) {
     read++;
     if (word.size() < kShortest || lexicon::LookUp(dictionary, word) != lexicon::kAbsent) return;
-    const size_t misses = corrections.misses();
+    bool missed = false;
     const Clock clock;
-    const std::string answer = corrections.Of(word);
-    const bool missed = corrections.misses() != misses;
+    const std::string answer = corrections.Of(word, &missed);
     (missed ? miss_seconds : hit_seconds) += clock.Seconds();
     if (missed && !answer.empty() && examples.size() < kExamples) examples.emplace_back(word, answer);
   };
   for (const std::string& text : options.texts) lexicon::ForEachWord(text, correct);
 
-  const size_t hits = corrections.hits();
-  const size_t misses = corrections.misses();
+  const QXCacheStatistics statistics = corrections.Statistics();
+  const size_t hits = statistics.s_hits;
+  const size_t misses = statistics.s_misses + statistics.s_expired;
   for (const auto& [word, answer] : examples) std::printf("    %-24s %s\n", word.c_str(), answer.c_str());
   std::printf("    %s of %s words asked for: %s hits, %s misses", Grouped(hits + misses).c_str(), Grouped(read).c_str(),
               Grouped(hits).c_str(), Grouped(misses).c_str());
   if (hits + misses > 0) {
     std::printf(", %.1f percent hits", 100 * static_cast<double>(hits) / static_cast<double>(hits + misses));
   }
+  if (statistics.s_expired > 0) std::printf("; %s had expired", Grouped(statistics.s_expired).c_str());
   std::printf("\n");
   if (hits > 0) {
     std::printf("    worked out in %s each, found in the cache in %s each\n",
