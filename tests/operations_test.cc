@@ -1,9 +1,14 @@
-// The fuzzers' bodies over bytes at random, and over those that once told trees or maps from their models.
+// The fuzzers' bodies over bytes at random, and over their corpus.
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "support/operations.h"
@@ -30,6 +35,23 @@ TEST(Operations, OnMapsAgreeWithTheModel) {
   for (uint32_t seed = 0; seed < kInputs; seed++) {
     ASSERT_EQ(support::OperateMaps(Bytes(seed, 20 + seed * 4)), "") << seed;
   }
+}
+
+std::string OfCorpus(const std::string& name, std::string (*operate)(std::span<const uint8_t>)) {
+  std::string differences;
+  size_t files = 0;
+  for (const auto& file : std::filesystem::directory_iterator(QX_SOURCE_DIR "/fuzz/corpus/" + name)) {
+    std::ifstream in(file.path(), std::ios::binary);
+    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
+    differences += operate(bytes);
+    files++;
+  }
+  return files != 0 ? differences : "no files";
+}
+
+TEST(Operations, OfTheCorpusAgreeWithTheModel) {
+  EXPECT_EQ(OfCorpus("trees", support::OperateTrees), "");
+  EXPECT_EQ(OfCorpus("maps", support::OperateMaps), "");
 }
 
 TEST(Operations, TakeNoBytesAtAll) {
