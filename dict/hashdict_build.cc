@@ -13,6 +13,7 @@
 #include <cstdlib>
 
 #include "dict/hashdict_graph.h"
+#include "dict/huge_pages.h"
 
 namespace hashdict {
 namespace {
@@ -168,8 +169,11 @@ struct Slices {
 
 void* ArrayNew(ULong nvalues, ULong maxvalue, UShort* nbits, size_t* size) {
   const auto width = static_cast<UShort>(std::bit_width(maxvalue | 1));
-  void* ptr = AnonArrayGrow_(sizeof(ULong), 0, nvalues, width, size, kModule, __LINE__);
+  size_t bytes = 0;
+  void* ptr = AnonArrayGrow_(sizeof(ULong), 0, nvalues, width, &bytes, kModule, __LINE__);
   QX_ASSERT_TEXT(nvalues == 0 || ptr != nullptr, "nvalues == 0 || ptr != ((void *)0)");
+  qx::AdviseHugePagesWithin(ptr, bytes);
+  if (size != nullptr) *size = bytes;
   if (nbits != nullptr) *nbits = width;
   return ptr;
 }
