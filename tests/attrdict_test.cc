@@ -598,13 +598,14 @@ TEST(AttrDictCommit, FailsWhenTheIndexWordsOfTheOtherOrderCannotBeWritten) {
 }
 
 // One of the files is a device: full, or one that cannot be forced to the disk.
-void BuildOnDevice(const std::string& suffix, const char* device, const Strings& strings, int expected_error) {
+void BuildOnDevice(const std::string& suffix, const char* device, const Strings& strings, int expected_error,
+                   Boolean swap = FALSE) {
   AttrPair pair;
   support::Ledger ledger;
   std::filesystem::create_symlink(device, std::string(pair.dir()) + "/d" + suffix);
   const size_t descriptors = OpenDescriptors();
   errno = 0;
-  EXPECT_EQ(pair.Build(strings), FALSE) << suffix << " " << device;
+  EXPECT_EQ(pair.Build(strings, swap), FALSE) << suffix << " " << device;
   EXPECT_EQ(errno, expected_error) << suffix << " " << device;
   EXPECT_EQ(OpenDescriptors(), descriptors);
   EXPECT_EQ(ledger.blocks(), 0u);
@@ -616,6 +617,13 @@ TEST(AttrDictCommit, FailsOnAFullDisk) {
   BuildOnDevice(".idx", "/dev/full", support::ManyStrings(), ENOSPC);
   BuildOnDevice(".dat", "/dev/full", support::ManyStrings(), ENOSPC);
   BuildOnDevice(".idx", "/dev/full", {}, ENOSPC);
+}
+
+// More words than a stream's buffer holds: they cannot be written while strings are still being added.
+TEST(AttrDictCommit, FailsOnADiskThatIsFullBeforeAllIsAdded) {
+  BuildOnDevice(".idx", "/dev/full", Strings(20000, ""), ENOSPC);
+  BuildOnDevice(".idx", "/dev/full", Strings(20000, ""), ENOSPC, TRUE);
+  BuildOnDevice(".dat", "/dev/full", Strings(20000, "string"), ENOSPC);
 }
 
 TEST(AttrDictCommit, FailsWhereNothingCanBeForcedToTheDisk) {
