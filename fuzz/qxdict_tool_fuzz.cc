@@ -1,9 +1,8 @@
 // The program qxdict over any bytes: the first byte says which kind of file the others are, or that they are a dump.
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -13,14 +12,27 @@
 
 namespace {
 
-// Files in memory, for the whole run.
+// A directory in memory, for the whole run.
+class Scratch {
+ public:
+  Scratch() {
+    if (mkdtemp(name_.data()) == nullptr) std::abort();
+  }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() {
+    std::error_code ignored;
+    std::filesystem::remove_all(name_, ignored);
+  }
+  const std::string& name() const { return name_; }
+
+ private:
+  std::string name_ = "/dev/shm/qxdict-fuzz-XXXXXX";
+};
+
 const std::string& Directory() {
-  static const std::string directory = [] {
-    std::string name = "/dev/shm/qxdict-fuzz-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    return name;
-  }();
-  return directory;
+  static const Scratch scratch;
+  return scratch.name();
 }
 
 void Write(const std::string& name, const unsigned char* bytes, size_t size) {
