@@ -387,7 +387,7 @@ class FailingMachine : public ::testing::Test {
   // The listed kinds take the listed course; a script meets no other kind.
   static void ExpectCourses(void (*script)(), const std::vector<Expected>& courses) {
     for (const auto& [name, fault] : Faults()) {
-      const auto listed = [&](const Expected& e) { return e.fault == name; };
+      const auto listed = [&kind = name](const Expected& e) { return e.fault == kind; };
       const auto expected = std::find_if(courses.begin(), courses.end(), listed);
       if (expected != courses.end()) {
         ExpectCourse(script, *expected);
