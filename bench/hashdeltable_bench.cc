@@ -6,6 +6,7 @@
 // time is that of a live key.
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -133,11 +134,11 @@ void Turn(duel::Sheet& sheet, const Work& work) {
 
 int main(int argc, char** argv) {
   return duel::Main(argc, argv, "hashdeltable", [](duel::Duel& duel, size_t count) {
-    const Work work = MakeWork(count);
-    duel.Contend("HashDelTable", [work](duel::Sheet& sheet) { Turn<OurTable>(sheet, work); });
-    duel.Contend("absl::flat_hash_map", [work](duel::Sheet& sheet) { Turn<bench::AbslMap>(sheet, work); });
-    duel.Contend("std::unordered_map", [work](duel::Sheet& sheet) { Turn<bench::StdMap>(sheet, work); });
-    duel.Contend("tsl::robin_map", [work](duel::Sheet& sheet) { Turn<bench::RobinMap>(sheet, work); });
-    duel.Contend("GHashTable", [work](duel::Sheet& sheet) { Turn<bench::GlibMap>(sheet, work); });
+    const auto work = std::make_shared<const Work>(MakeWork(count));  // gigabytes: shared by the turns
+    duel.Contend("HashDelTable", [work](duel::Sheet& sheet) { Turn<OurTable>(sheet, *work); });
+    duel.Contend("absl::flat_hash_map", [work](duel::Sheet& sheet) { Turn<bench::AbslMap>(sheet, *work); });
+    duel.Contend("std::unordered_map", [work](duel::Sheet& sheet) { Turn<bench::StdMap>(sheet, *work); });
+    duel.Contend("tsl::robin_map", [work](duel::Sheet& sheet) { Turn<bench::RobinMap>(sheet, *work); });
+    duel.Contend("GHashTable", [work](duel::Sheet& sheet) { Turn<bench::GlibMap>(sheet, *work); });
   });
 }

@@ -1,10 +1,10 @@
 // HashTable, its memory from the allocator and mapped, beside hash maps from strings to 64-bit numbers.
 //
-// Keys of 8 to 64 bytes. "insert" starts with an empty table that grows by doubling, which is part of the time; "find
-// miss" is made at the load that the insertions left; "miss, full" is ours alone, in a table grown to hold just its
-// keys, "enumerate" is a walk by callback in place of the iterator, and "find many" looks the same keys up in bulk.
-// "write" and "read" are a file of the whole table, synced; no peer has one. "slowest insert" is the longest single
-// insertion, in microseconds: the growth step that a user may notice.
+// Keys of 8 to 64 bytes. "insert" starts with an empty table that grows by doubling, which is part of the time; hits
+// and misses are looked up at the load that the insertions left. Ours alone: "enumerate" is a walk by callback in place
+// of the iterator; "write" and "read" are a file of the whole table, synced; "full" is a table whose capacity is just
+// its keys, and "find many" looks them up in bulk. "slowest insert" is the longest single insertion, in microseconds:
+// the growth step that a user may notice.
 
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -176,12 +177,12 @@ void Turn(duel::Sheet& sheet, const Work& work) {
 
 int main(int argc, char** argv) {
   return duel::Main(argc, argv, "hashtable", [](duel::Duel& duel, size_t count) {
-    const Work work = MakeWork(count);
-    duel.Contend("HashTable", [work](duel::Sheet& sheet) { Turn<OurTable<FALSE>>(sheet, work); });
-    duel.Contend("HashTable, mapped", [work](duel::Sheet& sheet) { Turn<OurTable<TRUE>>(sheet, work); });
-    duel.Contend("absl::flat_hash_map", [work](duel::Sheet& sheet) { Turn<bench::AbslMap>(sheet, work); });
-    duel.Contend("std::unordered_map", [work](duel::Sheet& sheet) { Turn<bench::StdMap>(sheet, work); });
-    duel.Contend("tsl::robin_map", [work](duel::Sheet& sheet) { Turn<bench::RobinMap>(sheet, work); });
-    duel.Contend("GHashTable", [work](duel::Sheet& sheet) { Turn<bench::GlibMap>(sheet, work); });
+    const auto work = std::make_shared<const Work>(MakeWork(count));  // gigabytes: shared by the turns
+    duel.Contend("HashTable", [work](duel::Sheet& sheet) { Turn<OurTable<FALSE>>(sheet, *work); });
+    duel.Contend("HashTable, mapped", [work](duel::Sheet& sheet) { Turn<OurTable<TRUE>>(sheet, *work); });
+    duel.Contend("absl::flat_hash_map", [work](duel::Sheet& sheet) { Turn<bench::AbslMap>(sheet, *work); });
+    duel.Contend("std::unordered_map", [work](duel::Sheet& sheet) { Turn<bench::StdMap>(sheet, *work); });
+    duel.Contend("tsl::robin_map", [work](duel::Sheet& sheet) { Turn<bench::RobinMap>(sheet, *work); });
+    duel.Contend("GHashTable", [work](duel::Sheet& sheet) { Turn<bench::GlibMap>(sheet, *work); });
   });
 }
