@@ -11,6 +11,9 @@
 
 #include "dict/attrdict.h"
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +25,7 @@
 #include "dict/file_stream.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
+#include "util/descriptor_internal.h"
 #include "util/errno_internal.h"
 
 namespace {
@@ -55,10 +59,18 @@ __attribute__((__format__(__printf__, 2, 3))) bool Format(Path* path, const char
   return false;
 }
 
-AttrDict* New() {
-  auto* adict = static_cast<AttrDict*>(Allocate_(sizeof(AttrDict), nullptr, kModule, __LINE__));
-  *adict = {};
-  return adict;
+// A dictionary being built, and the path of its two files without their suffixes.
+struct Draft {
+  AttrDict adict;
+  Path stem;
+};
+
+// A new record: of an AttrDict that is read, or of a Draft.
+template <class Record>
+Record* New() {
+  auto* record = static_cast<Record*>(Allocate_(sizeof(Record), nullptr, kModule, __LINE__));
+  *record = {};
+  return record;
 }
 
 void Release(AttrDict* adict) {
@@ -74,6 +86,16 @@ bool FormatName(Path* path, const char* dir, const char* name, const char* suffi
   }
   return dir != nullptr ? Format(path, "%s/%s.%s", dir, name, suffix) : Format(path, "%s.%s", name, suffix);
 }
+
+// The names of a pair.
+struct Names {
+  Path index;
+  Path data;
+
+  bool Format(const char* dir, const char* name) {
+    return FormatName(&index, dir, name, kIndexSuffix) && FormatName(&data, dir, name, kDataSuffix);
+  }
+};
 
 // Opens one of the pair for writing. Null, with errno, on failure.
 qx::Stream OpenForWriting(const char* dir, const char* name, const char* suffix, Path* path) {
@@ -111,6 +133,75 @@ bool Close(FILE* f) {
 
 // Makes the names of the pair stable, which may be new. A directory that cannot be read cannot be synced either.
 bool SyncNames(const AttrDict& adict) { return adict.a_directory < 0 || qx::SyncDirectory(adict.a_directory); }
+
+// Writes what is left and closes both files. False, with errno, when they are not whole on stable storage.
+bool Complete(AttrDict* adict) {
+  WriteUInt(adict, adict->a_size);
+  bool whole = Close(adict->a_idx_file);
+  if (whole) {
+    whole = Close(adict->a_dat_file) && SyncNames(*adict);
+  } else {
+    NoteWriteError(adict);
+    fclose(adict->a_dat_file);
+  }
+  if (!whole) NoteWriteError(adict);
+  if (adict->a_directory >= 0) close(adict->a_directory);
+  int error = adict->a_error;
+  if (whole && adict->a_full) {
+    whole = false;
+    error = EFBIG;
+  }
+  if (!whole) errno = error;
+  return whole;
+}
+
+// Whether a file that is being written is the one of that name.
+bool IsFile(FILE* f, const Path& path) {
+  struct stat written;
+  struct stat named;
+  return fstat(fileno(f), &written) == 0 && stat(path.data(), &named) == 0 && written.st_dev == named.st_dev &&
+         written.st_ino == named.st_ino;
+}
+
+// Gives a file that is being written the permissions of the one that it is to replace, if there is one.
+bool TakePermissions(FILE* f, const Path& path) {
+  struct stat old;
+  if (stat(path.data(), &old) != 0 || !S_ISREG(old.st_mode)) return true;
+  return fchmod(fileno(f), old.st_mode & 07777) == 0;
+}
+
+// Whether a name can be given to a file: false, with errno, where a directory has it.
+bool IsFree(const Path& path) {
+  struct stat there;
+  if (lstat(path.data(), &there) != 0 || !S_ISDIR(there.st_mode)) return true;
+  errno = EISDIR;
+  return false;
+}
+
+bool Exchange(const Path& from, const Path& to) {
+  return renameat2(AT_FDCWD, from.data(), AT_FDCWD, to.data(), RENAME_EXCHANGE) == 0;
+}
+
+// Gives a complete pair its place. False, with errno, when the pair there stands as it did: the data, which go first,
+// are exchanged with those there, so that they can be put back when the index cannot follow.
+bool TakePlace(const Names& from, const Names& to) {
+  if (!IsFree(to.index) || !IsFree(to.data)) return false;
+  const bool exchanged = Exchange(from.data, to.data);
+  if (!exchanged && rename(from.data.data(), to.data.data()) != 0) return false;
+  if (rename(from.index.data(), to.index.data()) == 0) {
+    if (exchanged) unlink(from.data.data());
+    return true;
+  }
+  const qx::ErrnoKeeper keeper;
+  if (!exchanged || !Exchange(from.data, to.data)) rename(to.data.data(), from.data.data());
+  return false;
+}
+
+void Remove(const Names& names) {
+  const qx::ErrnoKeeper keeper;
+  unlink(names.index.data());
+  unlink(names.data.data());
+}
 
 // Maps one of the pair. Null, with errno and *empty, on failure and when there is nothing to map.
 void* Map(const char* dir, const char* name, const char* suffix, size_t* size, Boolean* empty) {
@@ -178,7 +269,8 @@ const char* Fault(const AttrDict& adict) {
 }  // namespace
 
 AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
-  AttrDict* adict = New();
+  auto* draft = New<Draft>();
+  AttrDict* adict = &draft->adict;
   Path path;
   qx::Stream idx = OpenForWriting(dir, name, kIndexSuffix, &path);
   qx::Stream dat = idx ? OpenForWriting(dir, name, kDataSuffix, &path) : nullptr;
@@ -192,6 +284,8 @@ AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap) {
   adict->a_dat_file = dat.release();
   adict->a_swap = swap;
   adict->a_directory = qx::OpenDirectoryOf(path.data());
+  const size_t stem = strlen(path.data()) - strlen(kDataSuffix) - 1;
+  std::memcpy(draft->stem.data(), path.data(), stem);
   return adict;
 }
 
@@ -211,28 +305,13 @@ Boolean AttrDictCommit(AttrDict* adict) {
   QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
   QX_ASSERT_TEXT(adict->a_idx_file != nullptr, "adict->a_idx_file != ((void *)0)");
   QX_ASSERT_TEXT(adict->a_dat_file != nullptr, "adict->a_dat_file != ((void *)0)");
-  WriteUInt(adict, adict->a_size);
-  bool whole = Close(adict->a_idx_file);
-  if (whole) {
-    whole = Close(adict->a_dat_file) && SyncNames(*adict);
-  } else {
-    NoteWriteError(adict);
-    fclose(adict->a_dat_file);
-  }
-  if (!whole) NoteWriteError(adict);
-  if (adict->a_directory >= 0) close(adict->a_directory);
-  int error = adict->a_error;
-  if (whole && adict->a_full) {
-    whole = false;
-    error = EFBIG;
-  }
+  const bool whole = Complete(adict);
   Release(adict);
-  if (!whole) errno = error;
   return whole ? TRUE : FALSE;
 }
 
 AttrDict* AttrDictOpen(const char* dir, const char* name) {
-  AttrDict* adict = New();
+  AttrDict* adict = New<AttrDict>();
   Boolean empty;
   adict->a_idx = static_cast<UInt*>(Map(dir, name, kIndexSuffix, &adict->a_idx_size, &empty));
   if (adict->a_idx == nullptr) {
@@ -291,4 +370,25 @@ Boolean AttrDictCheck(const AttrDict* adict, const char** reason) {
   const char* const fault = open ? Fault(*adict) : "dictionary is not open for reading";
   if (reason != nullptr) *reason = fault;
   return fault == nullptr ? TRUE : FALSE;
+}
+
+Boolean AttrDictCommitAs(AttrDict* adict, const char* dir, const char* name) {
+  QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
+  QX_ASSERT_TEXT(adict->a_idx_file != nullptr, "adict->a_idx_file != ((void *)0)");
+  QX_ASSERT_TEXT(adict->a_dat_file != nullptr, "adict->a_dat_file != ((void *)0)");
+  Names from;
+  Names to;
+  from.Format(nullptr, reinterpret_cast<Draft*>(adict)->stem.data());
+  const bool named = to.Format(dir, name);
+  if (named && IsFile(adict->a_dat_file, to.data)) return AttrDictCommit(adict);
+  const bool fit = named && TakePermissions(adict->a_idx_file, to.index) && TakePermissions(adict->a_dat_file, to.data);
+  const int unfit = errno;
+  const bool whole = Complete(adict);
+  if (whole && !fit) errno = unfit;
+  Release(adict);
+  if (!whole || !fit || !TakePlace(from, to)) {
+    Remove(from);
+    return FALSE;
+  }
+  return qx::SyncDirectoryOf(to.data.data()) ? TRUE : FALSE;
 }

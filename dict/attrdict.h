@@ -166,6 +166,29 @@ QX_API Boolean AttrDictClose(AttrDict* adict);
  */
 QX_API Boolean AttrDictCheck(const AttrDict* adict, const char** reason);
 
+/**
+ * Completes a dictionary that was started under a name of its own, and puts it in the place of another: its files are
+ * written and synced, get the permissions of those that they replace, and are renamed; then the directory is synced. An
+ * addition since 1.0.
+ *
+ * @param adict  a dictionary being built (asserted as by `AttrDictCommit`); released, whatever the result
+ * @param dir    the directory, on the same file system as the one it was started in; null: `name` alone is the path
+ * @param name   the files become `<dir>/<name>.idx` and `<dir>/<name>.dat`. The name it was started under: as
+ *               `AttrDictCommit`
+ * @return TRUE when the new pair is in place; FALSE, with `errno`, when not: the old pair is then as it was, and the
+ *         files of the new one are removed. Only when the directory cannot be synced is the result FALSE with the new
+ *         pair in place. Errors are those of `AttrDictCommit`, of formatting a path (EINVAL, ENAMETOOLONG) and of
+ *         rename(2), EISDIR and EXDEV among them
+ *
+ * Dictionaries that are open stay as they are. Two files cannot change their names in one step: the data are renamed
+ * first, and until the index follows, and after a process or machine that went down between, the new data stand beside
+ * the old index. `AttrDictCheck` refuses that pair, unless the old index is also the new one, byte for byte: an index
+ * follows from its data. Who opens pairs that are replaced checks them, and opens again when they are refused. A file
+ * system that cannot exchange two names, as some network file systems, cannot put the old data back when it then
+ * refuses to rename the index. Relative paths are taken from the current directory, at the start and at the end.
+ */
+QX_API Boolean AttrDictCommitAs(AttrDict* adict, const char* dir, const char* name);
+
 QX_END_DECLS
 
 #endif

@@ -24,6 +24,7 @@
 #include "support/death.h"
 #include "support/files.h"
 #include "support/ledger.h"
+#include "support/limits.h"
 
 namespace {
 
@@ -424,28 +425,6 @@ TEST(AttrDictBuild, FailsWithTheSystemsErrorWhenTheDataCannotBeOpened) {
   EXPECT_EQ(ledger.blocks(), 0u);
 }
 
-// A soft limit while its name lives. The signal that comes with the file-size limit is ignored.
-class Limit {
- public:
-  Limit(__rlimit_resource resource, rlim_t value) : resource_(resource) {
-    handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(resource_, &old_);
-    const rlimit limit = {value, old_.rlim_max};
-    setrlimit(resource_, &limit);
-  }
-  ~Limit() {
-    setrlimit(resource_, &old_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  Limit(const Limit&) = delete;
-  Limit& operator=(const Limit&) = delete;
-
- private:
-  __rlimit_resource resource_;
-  rlimit old_;
-  void (*handler_)(int);
-};
-
 TEST(AttrDictBuild, GivesTheIndexsDescriptorBackWhenThereIsNoneForTheData) {
   AttrPair pair;
   const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -454,7 +433,7 @@ TEST(AttrDictBuild, GivesTheIndexsDescriptorBackWhenThereIsNoneForTheData) {
   AttrDict* adict;
   int error;
   {
-    const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
+    const support::SoftLimit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
     errno = 0;
     adict = AttrDictBuild(pair.dir(), pair.name(), FALSE);
     error = errno;
@@ -546,7 +525,7 @@ void BuildWithin(const AttrPair& pair, rlim_t limit, const Strings& strings, con
   Boolean result;
   int error;
   {
-    const Limit file_size(RLIMIT_FSIZE, limit);
+    const support::SoftLimit file_size(RLIMIT_FSIZE, limit);
     errno = 0;
     result = pair.Build(strings);
     error = errno;
@@ -588,7 +567,7 @@ TEST(AttrDictCommit, FailsWhenTheIndexWordsOfTheOtherOrderCannotBeWritten) {
   Boolean result;
   int error;
   {
-    const Limit file_size(RLIMIT_FSIZE, 4098);
+    const support::SoftLimit file_size(RLIMIT_FSIZE, 4098);
     errno = 0;
     result = pair.Build(strings, TRUE);
     error = errno;
@@ -636,7 +615,7 @@ TEST(AttrDictCommit, RemembersAWriteThatFailedThoughTheRestSucceeds) {
   AttrDict* adict = AttrDictBuild(pair.dir(), pair.name(), FALSE);
   const Strings strings(40, std::string(255, 'x'));
   {
-    const Limit file_size(RLIMIT_FSIZE, 4096);
+    const support::SoftLimit file_size(RLIMIT_FSIZE, 4096);
     support::AddAll(adict, strings);
   }
   EXPECT_EQ(AttrDictSize(adict), 40u);
