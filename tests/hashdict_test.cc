@@ -297,6 +297,16 @@ TEST_F(HashDictFileReadTest, ALengthIsNotBelievedBeforeItsBytesAreThere) {
   EXPECT_EQ(ledger.blocks(), 0u);
 }
 
+TEST_F(HashDictFileReadTest, AfterThatNoMoreThanTwiceOfWhatWasThere) {
+  Put("record", std::string(4, '\xFF') + std::string(size_t{17} << 20, '\0'));
+  const ChannelPtr f = Reading(directory_.file("record"));
+  Ledger ledger;
+  HashDict* hdict = nullptr;
+  EXPECT_FALSE(HashDictFileRead(&hdict, f.get()));
+  EXPECT_EQ(ledger.largest(), size_t{32} << 20);
+  EXPECT_EQ(ledger.blocks(), 0u);
+}
+
 TEST_F(HashDictFileReadTest, ALargeImageIsReadInGrowingPieces) {
   // An image with 40 MiB behind its arrays: three pieces.
   const size_t size = (size_t{40} << 20) + 5;
