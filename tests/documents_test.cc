@@ -22,8 +22,8 @@ std::string Document(const std::string& name) { return support::ReadFile(std::st
 
 // Every document of the tree, by its path from the root.
 std::vector<std::string> Documents() {
-  std::vector<std::string> names = {"README.md", "ARCHITECTURE.md", "CONTRIBUTING.md", "CHANGELOG.md",
-                                    "bench/README.md"};
+  std::vector<std::string> names = {"README.md",    "ARCHITECTURE.md", "CONTRIBUTING.md",
+                                    "CHANGELOG.md", "SECURITY.md",     "bench/README.md"};
   for (const fs::directory_entry& entry : fs::directory_iterator(QX_SOURCE_DIR "/docs")) {
     if (entry.path().extension() == ".md") names.push_back("docs/" + entry.path().filename().string());
   }
