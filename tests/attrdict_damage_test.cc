@@ -203,6 +203,10 @@ TEST_F(AttrDictDamage, OffsetsAroundTheEndOfTheData) {
       ASSERT_EQ(Compare(pair_, Word(offset) + Word(4), dat), "") << offset;
     }
   }
+  dat.assign(2000, '\xff');  // the longest records: four of them take 1024 bytes
+  for (uint32_t offset = 900; offset < 1000; offset++) {
+    ASSERT_EQ(Compare(pair_, Word(offset) + Word(4), dat), "") << offset;
+  }
   for (const uint32_t offset : {0x7FFFFFFFu, 0x80000000u, 0xFFFFFC00u, 0xFFFFFFFFu}) {
     ASSERT_EQ(Compare(pair_, Word(offset) + Word(4), dat), "") << offset;
   }

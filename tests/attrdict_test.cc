@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -622,6 +623,33 @@ TEST(AttrDictCommit, RemembersAWriteThatFailedThoughTheRestSucceeds) {
   errno = 0;
   EXPECT_EQ(AttrDictCommit(adict), FALSE);  // no limit any more
   EXPECT_EQ(errno, EFBIG);
+}
+
+// A stream whose second write fails; it counts the others.
+ssize_t FailSecondWrite(void* counts, const char*, size_t size) {
+  auto* count = static_cast<std::pair<int, int>*>(counts);
+  if (++count->first == 2) {
+    errno = EIO;
+    return 0;
+  }
+  count->second++;
+  return static_cast<ssize_t>(size);
+}
+
+// A word in this machine's order stops at the byte that cannot be written, one in the other order does not.
+TEST(AttrDictCommit, StopsAWordAtAFailedByteUnlessItIsSwapped) {
+  for (const Boolean swap : {FALSE, TRUE}) {
+    AttrPair pair;
+    AttrDict* adict = AttrDictBuild(pair.dir(), pair.name(), swap);
+    fclose(adict->a_idx_file);
+    std::pair<int, int> counts = {0, 0};
+    adict->a_idx_file = fopencookie(&counts, "w", {nullptr, FailSecondWrite, nullptr, nullptr});
+    setvbuf(adict->a_idx_file, nullptr, _IONBF, 0);
+    errno = 0;
+    EXPECT_EQ(AttrDictCommit(adict), FALSE);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(counts.second, swap ? 3 : 1);
+  }
 }
 
 TEST(AttrDictCommit, FailsWhenTheDataWouldReachFourGigabytes) {
