@@ -182,25 +182,34 @@ bool Exchange(const Path& from, const Path& to) {
   return renameat2(AT_FDCWD, from.data(), AT_FDCWD, to.data(), RENAME_EXCHANGE) == 0;
 }
 
-// Gives a complete pair its place. False, with errno, when the pair there stands as it did: the data, which go first,
-// are exchanged with those there, so that they can be put back when the index cannot follow.
+void Remove(const Names& names) {
+  const qx::ErrnoKeeper keeper;
+  unlink(names.index.data());
+  unlink(names.data.data());
+}
+
+// Gives a complete pair its place. False, with errno, when the pair there stands as it did and the new one is gone: the
+// data, which go first, are exchanged with those there, so that they can be put back when the index cannot follow.
 bool TakePlace(const Names& from, const Names& to) {
-  if (!IsFree(to.index) || !IsFree(to.data)) return false;
-  const bool exchanged = Exchange(from.data, to.data);
-  if (!exchanged && rename(from.data.data(), to.data.data()) != 0) return false;
+  const bool vacant = IsFree(to.index) && IsFree(to.data);
+  const bool exchanged = vacant && Exchange(from.data, to.data);
+  if (!exchanged && (!vacant || rename(from.data.data(), to.data.data()) != 0)) {
+    Remove(from);
+    return false;
+  }
   if (rename(from.index.data(), to.index.data()) == 0) {
     if (exchanged) unlink(from.data.data());
     return true;
   }
   const qx::ErrnoKeeper keeper;
-  if (!exchanged || !Exchange(from.data, to.data)) rename(to.data.data(), from.data.data());
+  unlink(from.index.data());
+  // Old data that cannot be put back stay beside, under the new ones' first name.
+  if (exchanged) {
+    rename(from.data.data(), to.data.data());
+  } else {
+    unlink(to.data.data());
+  }
   return false;
-}
-
-void Remove(const Names& names) {
-  const qx::ErrnoKeeper keeper;
-  unlink(names.index.data());
-  unlink(names.data.data());
 }
 
 // Maps one of the pair. Null, with errno and *empty, on failure and when there is nothing to map.
@@ -386,9 +395,10 @@ Boolean AttrDictCommitAs(AttrDict* adict, const char* dir, const char* name) {
   const bool whole = Complete(adict);
   if (whole && !fit) errno = unfit;
   Release(adict);
-  if (!whole || !fit || !TakePlace(from, to)) {
+  if (!whole || !fit) {
     Remove(from);
     return FALSE;
   }
+  if (!TakePlace(from, to)) return FALSE;
   return qx::SyncDirectoryOf(to.data.data()) ? TRUE : FALSE;
 }

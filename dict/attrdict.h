@@ -185,7 +185,8 @@ QX_API Boolean AttrDictCheck(const AttrDict* adict, const char** reason);
  * the old index. `AttrDictCheck` refuses that pair, unless the old index is also the new one, byte for byte: an index
  * follows from its data. Who opens pairs that are replaced checks them, and opens again when they are refused. A file
  * system that cannot exchange two names, as some network file systems, cannot put the old data back when it then
- * refuses to rename the index. Relative paths are taken from the current directory, at the start and at the end.
+ * refuses to rename the index; where one can and refuses all the same, the old data are left in the new pair's first
+ * name. Relative paths are taken from the current directory, at the start and at the end.
  */
 QX_API Boolean AttrDictCommitAs(AttrDict* adict, const char* dir, const char* name);
 

@@ -34,6 +34,7 @@ constexpr const char* kModule = "dict/attrdict";
 struct Renames {
   int made = 0;
   int failing = 0;       // the one that fails with EIO
+  bool all = false;      // those after it, too, with ENOSPC
   bool exchange = true;  // whether the file system can
   std::function<void(int)> before;
 };
@@ -44,6 +45,10 @@ int Rename(const char* from, const char* to, unsigned flags) {
   if (renames.before) renames.before(renames.made);
   if (renames.made == renames.failing) {
     errno = EIO;
+    return -1;
+  }
+  if (renames.all && renames.made > renames.failing) {
+    errno = ENOSPC;
     return -1;
   }
   return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, reinterpret_cast<uintptr_t>(from), AT_FDCWD,
@@ -232,6 +237,19 @@ TEST_F(AttrDictCommitAsTest, AnIndexThatCannotFollowPutsTheOldDataBack) {
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(renames.made, 3);
   ExpectOld();
+}
+
+TEST_F(AttrDictCommitAsTest, OldDataThatCannotBePutBackAreKeptBeside) {
+  BuildOld();
+  const std::string old = support::ReadFile(dir_.file("words.dat"));
+  renames.failing = 2;
+  renames.all = true;
+  EXPECT_EQ(AttrDictCommitAs(StartNew(), dir(), "words"), FALSE);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(renames.made, 3);
+  EXPECT_EQ(support::ReadFile(dir_.file("words.new.dat")), old);
+  EXPECT_EQ(Files(), (std::set<std::string>{"words.idx", "words.dat", "words.new.dat"}));
+  EXPECT_EQ(AttrDictCheck(Open().get(), nullptr), FALSE);
 }
 
 TEST_F(AttrDictCommitAsTest, AnIndexThatCannotFollowLeavesNothingWhereNothingWas) {
