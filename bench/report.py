@@ -84,7 +84,7 @@ def main():
     folder = Path(sys.argv[2])
     folder.mkdir(parents=True, exist_ok=True)
     figures, units = read(sys.argv[1])
-    lines = ["# Ours beside the peers", "", f"One run on {machine()}: medians, contenders taking turns, in brackets ours over "
+    lines = ["# Ours beside the peers", "", f"On {machine()}: medians, contenders taking turns, in brackets ours over "
              "theirs (below 1 we are faster).", "Nanoseconds an operation where nothing else is said."]
     for family, parts in figures.items():
         picture(family, parts, units, folder)
