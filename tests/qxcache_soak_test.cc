@@ -65,7 +65,7 @@ uint32_t ChecksumOf(const std::vector<UByte>& value) {
 std::string KeyText(unsigned key) { return support::Numbered(std::string(key % 7, '-'), key); }
 
 struct Counts {
-  uint64_t stores = 0, refused = 0, hits = 0, misses = 0, too_small = 0, removed = 0, older = 0;
+  uint64_t stores = 0, refused = 0, hits = 0, misses = 0, too_small = 0, removed = 0, older = 0, checked = 0, wrong = 0;
   void operator+=(const Counts& other) {
     stores += other.stores;
     refused += other.refused;
@@ -74,7 +74,10 @@ struct Counts {
     too_small += other.too_small;
     removed += other.removed;
     older += other.older;
+    checked += other.checked;
+    wrong += other.wrong;
   }
+  uint64_t Operations() const { return stores + refused + hits + misses + too_small + removed; }
 };
 
 class Soak {
@@ -182,23 +185,32 @@ class Soak {
 
   void Verify(unsigned thread, unsigned key, const std::vector<UByte>& value, Known* known) {
     known->counts.hits++;
-    ASSERT_GE(value.size(), sizeof(Head));
+    known->counts.checked++;
+    const std::string wrong = WhatIsWrong(thread, key, value, known);
+    if (wrong.empty()) return;
+    known->counts.wrong++;
+    ADD_FAILURE() << wrong;
+  }
+
+  // What is wrong with a fetched value, or nothing.
+  std::string WhatIsWrong(unsigned thread, unsigned key, const std::vector<UByte>& value, Known* known) {
     Head head;
+    if (value.size() < sizeof head) return "shorter than any that was stored";
     std::memcpy(&head, value.data(), sizeof head);
-    ASSERT_EQ(head.key, key);
-    ASSERT_LT(head.thread, kThreads);
-    ASSERT_EQ(head.length, value.size());
-    ASSERT_EQ(head.checksum, ChecksumOf(value));
-    ASSERT_LE(head.number, issued_[head.thread][key]);
+    if (head.key != key) return "stored under another key";
+    if (head.thread >= kThreads) return "stored by nobody";
+    if (head.length != value.size()) return "another length than was stored";
+    if (head.checksum != ChecksumOf(value)) return "other bytes than were stored";
+    if (head.number > issued_[head.thread][key]) return "never stored";
     uint64_t& seen = known->seen[head.thread][key];
-    if (head.number < seen) {
-      known->counts.older++;
-      ASSERT_FALSE(newest_wins_) << "an older value came back";
-    }
+    const bool older = head.number < seen;
     seen = head.number;
-    if (head.thread == thread) {
-      ASSERT_GT(head.number, known->removed[key]) << "a removed value came back";
+    if (older) {
+      known->counts.older++;
+      if (newest_wins_) return "an older value came back";
     }
+    if (head.thread == thread && head.number <= known->removed[key]) return "a removed value came back";
+    return "";
   }
 
   void FetchStatic(unsigned thread, unsigned key, Random* random, Known* known) {
@@ -295,10 +307,15 @@ TEST(CacheSoak, EveryFetchedValueWasStoredUnderItsKey) {
     QXCacheDelete(cache);
   }
   std::printf(
-      "rounds %lu, stores %lu, refused %lu, hits %lu, misses %lu, too small %lu, removed %lu, older by default %lu\n"
-      "copy passes %lu, blocks moved %lu, dropped %lu, pages lost %zu\n",
-      rounds, counts.stores, counts.refused, counts.hits, counts.misses, counts.too_small, counts.removed, counts.older,
-      passes, moved, dropped, lost_pages);
+      "rounds %lu, operations %lu: stores %lu, refused %lu, hits %lu, misses %lu, too small %lu, removed %lu\n"
+      "collections %lu, blocks moved %lu, dropped %lu, pages lost %zu\n"
+      "values checked %lu, wrong %lu (older ones where the policy allows them %lu)\n",
+      rounds, counts.Operations(), counts.stores, counts.refused, counts.hits, counts.misses, counts.too_small,
+      counts.removed, passes, moved, dropped, lost_pages, counts.checked, counts.wrong, counts.older);
+  EXPECT_EQ(counts.wrong, 0u);
+  EXPECT_GT(counts.checked, 0u);
+  EXPECT_GT(passes, rounds) << "the collector hardly worked";
+  EXPECT_GT(moved, 0u);
   EXPECT_GT(counts.stores, 0u);
   EXPECT_GT(counts.hits, 0u);
   EXPECT_GT(counts.misses, 0u);
