@@ -323,7 +323,8 @@ void HashDelTableFinalize(HashDelTable* table) {
 }
 
 void HashDelTableClear(HashDelTable* table) {
-  const bool holds_capacity = table->t_nentries >= std::max(table->t_nkeys_max, kFewestSlots);
+  // An image may claim any capacity. One that leaves no free slot is none.
+  const bool holds_capacity = table->t_nentries >= kFewestSlots && table->t_nentries > table->t_nkeys_max;
   if (table->t_nentries > kSmallTable || !holds_capacity) {
     UnAllocate_(table->t_entries, kModule, __LINE__);
     UnAllocate_(table->t_data, kModule, __LINE__);

@@ -118,7 +118,8 @@ QX_API void HashDelTableFree(HashDelTable* table);
  *
  * A table of at most 10000 slots keeps its memory and capacity, and the heap its old bytes until new entries cover
  * them. A larger one gives its memory back and starts again with a capacity of 5, and so does one whose slots cannot
- * hold its capacity (after a failed `HashDelTableMemRead`). Callbacks, value length and key length width stay.
+ * hold its capacity and one more (after a failed `HashDelTableMemRead`). Callbacks, value length and key length width
+ * stay.
  *
  * Invalidates every entry pointer, offset and iterator.
  */
@@ -358,7 +359,8 @@ QX_API Boolean HashDelTableReserve(HashDelTable* table, UInt capacity, void* ptr
  * Addition: figures of a table, as it stands: nothing is cleaned up.
  *
  * @param stats  receives them; of keys whose slot a search does not reach, or only after 65536 others, as a damaged
- *               table may have them, the probes count as that or not at all
+ *               table may have them, the probes count as that or not at all, and so do those of further keys after 2^26
+ *               steps and 64 a slot
  * @param ptr    handed to the table's hash callback
  */
 QX_API void HashDelTableStats(const HashDelTable* table, HashTableStatistics* stats, void* ptr);

@@ -11,12 +11,14 @@ using namespace hashdeltable;
 namespace {
 
 // How many slots the way of a hash meets up to `slot`, itself included; 0 when an empty one comes before, at which a
-// search ends, or when the table is too damaged to have ways.
-UInt ProbesUpTo(const HashDelTable& table, UInt hash, UInt slot) {
+// search ends, when the table is too damaged to have ways, and when no steps are left.
+UInt ProbesUpTo(const HashDelTable& table, UInt hash, UInt slot, ULong* steps_left) {
   constexpr UInt kLongest = 1u << 16;  // in a table that grew by itself it is a hundred at most
   if (table.t_nentries < kFewestSlots) return 0;
   Probe probe(table.t_nentries, hash % table.t_nentries);
   for (UInt count = 1; count <= kLongest; count++) {
+    if (*steps_left == 0) return 0;
+    --*steps_left;
     if (probe.slot() == slot) return count;
     if (table.t_entries[probe.slot()] == heap::kEmptySlot || !probe.Next()) return 0;
   }
@@ -34,6 +36,8 @@ void HashDelTableStats(const HashDelTable* table, HashTableStatistics* stats, vo
   stats->s_keys = table->t_nkeys;
   stats->s_capacity = table->t_nkeys_max;
   stats->s_tombstones = table->t_deleted;
+  // In a damaged table all slots may lie on one way, and each key would go through all of it.
+  ULong steps_left = (ULong{1} << 26) + ULong{64} * table->t_nentries;
   heap::Measure(*table, table->t_nentries, ptr, stats,
-                [table](UInt hash, UInt slot) { return ProbesUpTo(*table, hash, slot); });
+                [&](UInt hash, UInt slot) { return ProbesUpTo(*table, hash, slot, &steps_left); });
 }

@@ -164,6 +164,11 @@ void Fetch(const HashTable& table, UInt s) {
   __builtin_prefetch(table.t_entries + s);
 }
 
+// The offset may be any that a file says, also where there is no heap: no pointer is made of it.
+void FetchHeap(const HashTable& table, size_t at) {
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(table.t_data) + at));
+}
+
 Place Search(const HashTable& table, UInt hash, const heap::KeyGiven<HashTable>& key, UInt len, void* ptr) {
   const UInt s = StartSlot(table, hash);
   if (table.t_tags == nullptr) return SearchSlots(table, s, key, len, ptr);
@@ -208,7 +213,8 @@ bool Occupy(HashTable* table, UInt s, UInt offset, UInt hash) {
 
 // Hashes every key anew into slots for this capacity; false: the mapping failed, and all is as before.
 bool Rebuild(HashTable* table, UInt capacity, void* ptr) {
-  const UInt slots = Prime(heap::SlotsFor(capacity));
+  // A file may have more slots than its capacity asks for. They stay: the array never shrinks.
+  const UInt slots = std::max(Prime(heap::SlotsFor(capacity)), table->t_entries_size);
   void* entries = HashRealloc(table, sizeof(UInt), table->t_entries, table->t_entries_size, slots);
   if (entries == nullptr) return false;
   table->t_entries_capacity = capacity;
@@ -346,8 +352,8 @@ void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys,
     for (UInt i = 0; i < count; i++) {
       places[i] = Likely(*table, hashes[i]);
       if (places[i].offset == heap::kEmptySlot) continue;
-      __builtin_prefetch(table->t_data + places[i].offset);
-      __builtin_prefetch(table->t_data + places[i].offset + table->t_val_len + lens[done + i]);
+      FetchHeap(*table, places[i].offset);
+      FetchHeap(*table, size_t{places[i].offset} + table->t_val_len + lens[done + i]);
     }
     for (UInt i = 0; i < count; i++, done++) {
       const heap::KeyGiven<HashTable> key(*table, keys[done]);

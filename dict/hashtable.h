@@ -385,7 +385,8 @@ QX_API void HashTableFindMany(const HashTable* table, UInt n, const UByte* const
 /**
  * Addition: figures of a table.
  *
- * @param stats  receives them
+ * @param stats  receives them; of a damaged table whose slots name more bytes than there are, without the probes of
+ *               what is too much
  * @param ptr    handed to the table's hash callback
  *
  * Cost: one hash a key, one pass over the slots and one over the heap.

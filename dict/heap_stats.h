@@ -18,7 +18,8 @@ size_t EntryLength(const Table& table, size_t at) {
 }
 
 // Fills in everything but the counts that the tables name differently. `probes(hash, slot)` says how many slots a
-// search looks at that ends at `slot`; 0: none does.
+// search looks at that ends at `slot`; 0: none does. Keys are hashed as long as the slots name no more bytes than there
+// are: a damaged table may name one long key over and over.
 template <typename Table, typename Probes>
 void Measure(const Table& table, UInt slots, void* ptr, HashTableStatistics* stats, Probes probes) {
   size_t live = 0;
@@ -29,7 +30,7 @@ void Measure(const Table& table, UInt slots, void* ptr, HashTableStatistics* sta
     const size_t length = offset < table.t_data_used ? EntryLength(table, offset) : 0;
     if (length == 0) continue;
     live += length;
-    if (table.t_selected) continue;
+    if (table.t_selected || live > table.t_data_used) continue;
     const Key key = KeyAt(table, offset);
     const UInt count = probes(Hash(table, key.bytes, key.length, ptr), s);
     if (count == 0) continue;

@@ -1,72 +1,58 @@
-// Reads arbitrary bytes as a table's memory image and does everything with what comes out: any answer will do, but no
-// access outside the table's memory, and no operation that does not end. A table that passes its check must be sound
-// after everything, too.
+// Reads arbitrary bytes as a table's memory image, once without asking and once after the check, and makes operations
+// on what comes out: nothing outside the image or the table's memory, no operation that does not end, and a table that
+// the check calls sound stays so.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-
-#include "dict/hashdeltable.h"
-#include "qxlib/misc.h"
+#include "mutation.h"
+#include "outcome.h"
+#include "support/table_bytes.h"
 
 namespace {
 
-constexpr UByte kWidest = 4;  // a wider key length is an assertion, left to the death tests
+size_t Head(const std::string& input) { return input.size() < 2 ? 0 : 2 + 4 * size_t{static_cast<uint8_t>(input[1])}; }
 
-UInt Visit(UByte*, void*) { return 0; }
-
-int Compare(const UByte* a, const UByte* b, void*) { return a < b ? -1 : a > b; }
-
-// What a selection with tombstones asserts; only the check tells it from others.
-bool Forbidden(const HashDelTable* table) {
-  return table->t_key_size > kWidest || (table->t_selected && table->t_deleted != 0);
+// The image of a table with some keys, and without others.
+std::string Fresh(fuzz::Chance* chance) {
+  const auto length = static_cast<UInt>(chance->Below(10));
+  const auto width = static_cast<UByte>(chance->Below(5));
+  HashDelTable* table = HashDelTableNew(static_cast<UInt>(chance->Below(30)), nullptr, nullptr, nullptr, length, width);
+  for (size_t left = chance->Below(30); left > 0; left--) {
+    const std::string key = fuzz::RandomKey(chance);
+    if (HashDelTableFind(table, support::Bytes(key), support::Length(key), TRUE, nullptr, nullptr) == nullptr) {
+      HashDelTableGrow(table, 1.7F, nullptr);
+    }
+    const std::string gone = fuzz::RandomKey(chance);
+    if (chance->Below(3) == 0) HashDelTableRemove(table, support::Bytes(gone), support::Length(gone), nullptr);
+  }
+  if (chance->Below(6) == 0) HashDelTableSelect(table, 0, nullptr, nullptr);
+  UByteArray array;
+  ArrayInit_(&array.a);
+  HashDelTableMemWrite(table, &array);
+  const std::string image = support::Text(array.t.elts, array.t.length);
+  ArrayFree_(&array.a, "fuzz", __LINE__);
+  HashDelTableFree(table);
+  return image;
 }
 
-void Exercise(HashDelTable* table, const uint8_t* data, UInt length) {
-  HashTableStatistics stats;
-  HashDelTableStats(table, &stats, nullptr);
-  HashDelTable* copy = HashDelTableCopy(table);
-  const UInt selected = HashDelTableSelect(copy, 0, nullptr, nullptr);
-  HashDelTableSort(copy, Compare, nullptr);
-  if (selected > 0) HashDelTableGetIndex(copy, selected - 1);
-  HashDelTableClear(copy);
-  HashDelTableFind(copy, data, length & 7, TRUE, nullptr, nullptr);
-  HashDelTableFree(copy);
-  if (!table->t_selected) {
-    HashDelTableFind(table, data, length, FALSE, nullptr, nullptr);
-    for (UInt i = 0; i < 8; i++) {
-      if (HashDelTableFind(table, data, length & i, TRUE, nullptr, nullptr) == nullptr) {
-        HashDelTableGrow(table, 1.5F, nullptr);
-      }
-      if (i % 3 == 0) HashDelTableRemove(table, data, length & i, nullptr);
-    }
+std::vector<fuzz::Field> Fields(const std::string& input, size_t head, fuzz::Chance* chance) {
+  const size_t heap = fuzz::Number4(input, head);
+  const size_t counts = head + 4 + heap;
+  const size_t slots = fuzz::Number4(input, counts);
+  const size_t end = counts + 16 + 4 * slots;
+  std::vector<fuzz::Field> fields = {{head, 4},        {counts, 4}, {counts + 4, 4}, {counts + 8, 4},
+                                     {counts + 12, 4}, {end, 4},    {end + 4, 1},    {end + 5, 1}};
+  for (int i = 0; i < 4; i++) {
+    fields.push_back({counts + 16 + 4 * chance->Below(slots), 4});
+    fields.push_back({head + 4 + chance->Below(heap), 1});
   }
-  HashDelTableEnumerate(table, 0, Visit, nullptr);
+  return fields;
 }
 
 }  // namespace
 
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size, unsigned seed) {
+  return fuzz::Mutate(data, size, max_size, seed, Head, Fresh, Fields);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  HashDelTable table;
-  HashDelTableInit(&table, 5, nullptr, nullptr, nullptr, 4, 0);
-  // A block of exactly the image's size: the sanitizer sees what looks past it.
-  UByte* image = static_cast<UByte*>(Allocate_(size, nullptr, "fuzz", __LINE__));
-  if (size > 0) std::memcpy(image, data, size);
-  UByte* from = image;
-  const bool whole = HashDelTableMemRead(&table, &from, image + size) != FALSE;
-  if (from > image + size) std::abort();
-  if (!whole) {
-    HashDelTableClear(&table);
-  } else if (table.t_val_len < 1u << 20 && !Forbidden(&table)) {
-    const bool sound = HashDelTableCheck(&table, nullptr) != FALSE;
-    Exercise(&table, data, static_cast<UInt>(size < 16 ? size : 16));
-    if (sound && !HashDelTableCheck(&table, nullptr)) std::abort();
-  } else if (table.t_key_size <= kWidest && table.t_selected && HashDelTableCheck(&table, nullptr) &&
-             table.t_deleted != 0) {
-    std::abort();
-  }
-  UnAllocate_(image, "fuzz", __LINE__);
-  HashDelTableFinalize(&table);
-  return 0;
+  return fuzz::Outcome(support::ReadHashDelTableBytes({data, size}));
 }

@@ -1,60 +1,55 @@
-// Reads arbitrary bytes as a table's file and does everything with what comes out: any answer will do, but no access
-// outside the table's memory, and no operation that does not end.
+// Reads arbitrary bytes as a table's file, once without asking and once after the check, and makes operations on what
+// comes out: nothing outside the table's memory, no operation that does not end, and a table that the check calls sound
+// stays so.
 
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <initializer_list>
-
-#include "dict/hashtable.h"
+#include "mutation.h"
+#include "outcome.h"
+#include "support/table_bytes.h"
 
 namespace {
 
-constexpr size_t kKeySizeAt = 8;  // the width of a key's length: above 4 is an assertion, left to the death tests
-constexpr UByte kWidest = 4;
+constexpr size_t kHeaderSize = 37;
 
-UInt Visit(UByte*, void*) { return 0; }
+size_t Head(const std::string& input) { return input.size() < 2 ? 0 : 2 + 4 * size_t{static_cast<uint8_t>(input[1])}; }
 
-int Compare(const UByte* a, const UByte* b, void*) { return a < b ? -1 : a > b; }
-
-void Exercise(HashTable* table, const uint8_t* data, size_t size) {
-  const UInt length = size < 16 ? static_cast<UInt>(size) : 16;
-  const bool sound = HashTableCheck(table, nullptr) != FALSE;
-  HashTableStatistics stats;
-  HashTableStats(table, &stats, nullptr);
-  HashTableEnumerate(table, 0, Visit, nullptr);
-  if (!table->t_selected) {
-    HashTableFind(table, data, length, FALSE, nullptr, nullptr);
-    HashTableFind(table, data, length & 7, TRUE, nullptr, nullptr);
+// The file of a table with some keys.
+std::string Fresh(fuzz::Chance* chance) {
+  const auto length = static_cast<UInt>(chance->Below(10));
+  const auto width = static_cast<UByte>(chance->Below(5));
+  HashTable* table =
+      HashTableNew(static_cast<UInt>(chance->Below(30)), nullptr, nullptr, nullptr, length, width, FALSE);
+  for (size_t left = chance->Below(25); left > 0; left--) {
+    const std::string key = fuzz::RandomKey(chance);
+    if (HashTableFull(table)) HashTableGrow(table, 1.7F, nullptr);
+    HashTableFind(table, support::Bytes(key), support::Length(key), TRUE, nullptr, nullptr);
   }
-  HashTable* copy = HashTableCopy(table);
-  const UInt selected = HashTableSelect(copy, 0, nullptr, nullptr, nullptr);
-  HashTableSort(copy, Compare, nullptr, nullptr);
-  if (selected > 0) HashTableGetIndex(copy, selected - 1, nullptr);
-  HashTableClear(copy);
-  HashTableFind(copy, data, length & 7, TRUE, nullptr, nullptr);
-  HashTableFree(copy);
-  if (sound && !HashTableCheck(table, nullptr)) std::abort();
+  if (chance->Below(6) == 0) HashTableSelect(table, 0, nullptr, nullptr, nullptr);
+  const support::ServedBytes file("", false);
+  HashTableWrite(table, file.name());
+  HashTableFree(table);
+  return file.Read();
+}
+
+std::vector<fuzz::Field> Fields(const std::string& input, size_t head, fuzz::Chance* chance) {
+  std::vector<fuzz::Field> fields = {{head, 4},      {head + 4, 4},  {head + 8, 1},  {head + 9, 4},
+                                     {head + 13, 4}, {head + 17, 4}, {head + 21, 8}, {head + 29, 8}};
+  const uint32_t slots = fuzz::Number4(input, head + 17);
+  const size_t heap = head + kHeaderSize + size_t{4} * slots;
+  for (int i = 0; i < 4; i++) {
+    fields.push_back({head + kHeaderSize + 4 * chance->Below(slots), 4});
+    if (heap < input.size()) fields.push_back({heap + chance->Below(input.size() - heap), 1});
+  }
+  return fields;
 }
 
 }  // namespace
 
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size, unsigned seed) {
+  return fuzz::Mutate(data, size, max_size, seed, Head, Fresh, Fields);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size > kKeySizeAt && data[kKeySizeAt] > kWidest) return 0;
-  const int file = memfd_create("table", MFD_CLOEXEC);
-  if (file < 0 || write(file, data, size) != static_cast<ssize_t>(size)) return 0;
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/self/fd/%d", file);
-  for (const Boolean vm : {FALSE, TRUE}) {
-    HashTable* table = HashTableRead(path, nullptr, nullptr, nullptr, vm);
-    if (table == nullptr) continue;
-    if (table->t_val_len < 1u << 20) Exercise(table, data, size);  // else an insertion takes gigabytes
-    HashTableFree(table);
-  }
-  close(file);
-  return 0;
+  return fuzz::Outcome(support::ReadHashTableBytes({data, size}));
 }

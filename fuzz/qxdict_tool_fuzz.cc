@@ -2,41 +2,18 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "scratch.h"
 #include "tool.h"
 
 namespace {
 
-// A directory in memory, for the whole run.
-class Scratch {
- public:
-  Scratch() {
-    if (mkdtemp(name_.data()) == nullptr) std::abort();
-  }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() {
-    std::error_code ignored;
-    std::filesystem::remove_all(name_, ignored);
-  }
-  const std::string& name() const { return name_; }
-
- private:
-  std::string name_ = "/dev/shm/qxdict-fuzz-XXXXXX";
-};
-
-const std::string& Directory() {
-  static const Scratch scratch;
-  return scratch.name();
-}
-
 void Write(const std::string& name, const unsigned char* bytes, size_t size) {
-  std::ofstream out(Directory() + "/" + name, std::ios::binary | std::ios::trunc);
+  std::ofstream out(fuzz::Directory() + "/" + name, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
 }
 
@@ -55,11 +32,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
   const bool text = data[0] / 4 % 2 != 0;
   data++;
   size--;
-  const std::string file = Directory() + "/file" + suffix;
+  const std::string file = fuzz::Directory() + "/file" + suffix;
   if (text) {
     Write("text", data, size);
-    Tool({"load", file, Directory() + "/text"});
-    Tool({"build", Directory() + "/file.dic", Directory() + "/text", "--probe", "1"});
+    Tool({"load", file, fuzz::Directory() + "/text"});
+    Tool({"build", fuzz::Directory() + "/file.dic", fuzz::Directory() + "/text", "--probe", "1"});
     return 0;
   }
   // Of a pair the first half is the index.

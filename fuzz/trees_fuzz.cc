@@ -3,16 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 
+#include "outcome.h"
 #include "support/operations.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string difference = support::OperateTrees({data, size});
-  if (!difference.empty()) {
-    std::fprintf(stderr, "%s\n", difference.c_str());
-    std::abort();
-  }
-  return 0;
+  return fuzz::Outcome(support::OperateTrees({data, size}));
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -558,20 +559,50 @@ TEST(HashDelTableClear, StartsAfreshWhereTheSlotsCannotHoldTheCapacity) {
   Fields fields;
   fields.val_len = 3;
   fields.key_size = 2;
-  for (const UInt capacity : {8u, 9000u, 0xFFFFFFFFu}) {
+  for (const UInt capacity : {7u, 8u, 9000u, 0xFFFFFFFFu}) {
     fields.nkeys_max = capacity;
     const HashDelTablePtr table = Read(fields);
     HashDelTableClear(table.get());
+    EXPECT_TRUE(HashDelTableCheck(table.get(), nullptr));
     EXPECT_EQ(HashDelTableCapacity(table.get()), 5u);
     EXPECT_EQ(table->t_nentries, 7u);
     EXPECT_EQ(table->t_data_size, 35u);
     EXPECT_EQ(table->t_val_len, 3u);
     EXPECT_EQ(table->t_key_size, 2);
   }
-  fields.nkeys_max = 7;
+  fields.nkeys_max = 6;
   const HashDelTablePtr table = Read(fields);
   HashDelTableClear(table.get());
-  EXPECT_EQ(HashDelTableCapacity(table.get()), 7u);
+  EXPECT_EQ(HashDelTableCapacity(table.get()), 6u);
+  EXPECT_TRUE(HashDelTableCheck(table.get(), nullptr));
+}
+
+// Each of a million keys that are all alike lies on the same way, of which a search for it sees 65536 slots at most.
+TEST(HashDelTableStats, GivesUpOnWaysThatADamagedImageMakesLong) {
+  Fields fields;
+  fields.slots.resize(1000003);
+  std::iota(fields.slots.begin(), fields.slots.end(), 0u);
+  fields.heap.assign(1000003, '\0');  // at every place an entry with the empty key
+  const HashDelTablePtr table = Read(fields);
+  HashTableStatistics stats;
+  HashDelTableStats(table.get(), &stats, nullptr);
+  EXPECT_EQ(stats.s_slots, 1000003u);
+  EXPECT_EQ(stats.s_longest_probe, 65536u);
+  EXPECT_EQ(stats.s_dead, 0u);
+}
+
+// A key of a million bytes that every slot names is hashed once.
+TEST(HashDelTableStats, GivesUpOnAKeyThatIsNamedOverAndOver) {
+  Fields fields;
+  fields.key_size = 4;
+  fields.heap = Number(1000000) + std::string(1000000, 'k');
+  fields.slots.assign(1000003, 0);
+  const HashDelTablePtr table = Read(fields);
+  HashTableStatistics stats;
+  HashDelTableStats(table.get(), &stats, nullptr);
+  EXPECT_EQ(stats.s_longest_probe, 65536u);
+  EXPECT_EQ(stats.s_mean_probe, 65536.0);
+  EXPECT_EQ(stats.s_heap_used, 1000004u);
 }
 
 TEST(HashDelTableGrow, BelievesACapacityAsFarAsItIsCheap) {

@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "support/files.h"
 #include "support/operations.h"
 #include "support/sanitizers.h"
+#include "support/table_operations.h"
 
 namespace {
 
@@ -37,6 +39,17 @@ TEST(Operations, OnMapsAgreeWithTheModel) {
   }
 }
 
+std::string OperateTables(std::span<const uint8_t> bytes) {
+  static const support::TemporaryDirectory directory;
+  return support::OperateTables(bytes, directory.file("table"));
+}
+
+TEST(Operations, OnTablesAgreeWithTheModel) {
+  for (uint32_t seed = 0; seed < kInputs; seed++) {
+    ASSERT_EQ(OperateTables(Bytes(seed, 20 + seed * 4)), "") << seed;
+  }
+}
+
 std::string OfCorpus(const std::string& name, std::string (*operate)(std::span<const uint8_t>)) {
   std::string differences;
   size_t files = 0;
@@ -52,11 +65,13 @@ std::string OfCorpus(const std::string& name, std::string (*operate)(std::span<c
 TEST(Operations, OfTheCorpusAgreeWithTheModel) {
   EXPECT_EQ(OfCorpus("trees", support::OperateTrees), "");
   EXPECT_EQ(OfCorpus("maps", support::OperateMaps), "");
+  EXPECT_EQ(OfCorpus("tables", OperateTables), "");
 }
 
 TEST(Operations, TakeNoBytesAtAll) {
   EXPECT_EQ(support::OperateTrees({}), "");
   EXPECT_EQ(support::OperateMaps({}), "");
+  EXPECT_EQ(OperateTables({}), "");
 }
 
 }  // namespace

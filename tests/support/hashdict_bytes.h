@@ -1,5 +1,6 @@
 // Any bytes, read as a perfect-hash dictionary in one of its containers and used in every way: the body of its fuzzer,
-// and of the test that gives it bytes at random. Gives "" when all is well, else what is not.
+// and of the test that gives it bytes at random. Gives "" when all is well, else what is not. The dictionary is used
+// before the checker is asked, and held against its answer afterwards.
 //
 // Include in one file of a test program (assertion_trap.h), with ledger.cc and tests/ in front of the base library.
 //
@@ -150,16 +151,24 @@ inline const std::vector<std::string>& KeysToFind() {
   return keys;
 }
 
-// Every look-up, one by one and together, before and behind the checker; then every writer. What it says in the end.
-inline std::string UseHashDict(const HashDict* hdict) {
-  const char* reason = nullptr;
-  const bool sound = HashDictCheck(hdict, &reason) != FALSE;
-  if (sound != (reason == nullptr)) return "a reason without a fault, or the other way round";
+// Keys that the input itself gives: some of its bytes, from everywhere.
+inline std::vector<std::string> KeysOfInput(std::span<const uint8_t> input) {
+  std::vector<std::string> keys;
+  for (size_t at = 0; at < input.size() && keys.size() < 16; at += 1 + input.size() / 16) {
+    const auto bytes = input.subspan(at, std::min<size_t>(input[at] % 24, input.size() - at));
+    keys.emplace_back(bytes.begin(), bytes.end());
+  }
+  return keys;
+}
+
+// Every look-up, one by one and together, the checker, the look-ups once more, every writer. What is wrong.
+inline std::string UseHashDict(const HashDict* hdict, std::span<const uint8_t> input) {
   HashDictSize(hdict);
   HashDictMaxLength(hdict);
   HashDictFileSize(hdict);
 
-  const std::vector<std::string>& keys = KeysToFind();
+  std::vector<std::string> keys = KeysOfInput(input);
+  keys.insert(keys.end(), KeysToFind().begin(), KeysToFind().end());
   std::vector<const UByte*> bytes;
   std::vector<UInt> lens;
   std::vector<Id> singles(keys.size()), many(keys.size());
@@ -168,7 +177,6 @@ inline std::string UseHashDict(const HashDict* hdict) {
     bytes.push_back(Bytes(keys[i]));
     lens.push_back(static_cast<UInt>(keys[i].size()));
     const std::string text = Trap([&] { singles[i] = HashDictFind(hdict, bytes[i], lens[i]); });
-    if (!text.empty() && sound) return "an assertion in a sound dictionary: " + text;
     if (!text.empty() && text != "*pc0 <= m0" && text != "*pc1 <= m0") return "another assertion: " + text;
     if (first_assertion.empty()) first_assertion = text;
   }
@@ -176,6 +184,14 @@ inline std::string UseHashDict(const HashDict* hdict) {
       Trap([&] { HashDictFindMany(hdict, static_cast<UInt>(keys.size()), bytes.data(), lens.data(), many.data()); });
   if (text.empty() != first_assertion.empty()) return "one by one and together differ in assertions";
   if (text.empty() && singles != many) return "one by one and together differ";
+
+  const char* reason = nullptr;
+  const bool sound = HashDictCheck(hdict, &reason) != FALSE;
+  if (sound != (reason == nullptr)) return "a reason without a fault, or the other way round";
+  if (sound && !first_assertion.empty()) return "an assertion in a sound dictionary: " + first_assertion;
+  for (size_t i = 0; i < keys.size() && sound; i++) {
+    if (HashDictFind(hdict, bytes[i], lens[i]) != singles[i]) return "the checker has changed something";
+  }
 
   for (const Boolean swap : {FALSE, TRUE}) {
     StringChannel bare, record, map;
@@ -222,7 +238,7 @@ inline std::string ReadHashDictBytes(std::span<const uint8_t> input) {
       const Guarded block(image);
       HashDict handle;
       if (HashDictMemOpen_(&handle, block.data(), block.size(), TRUE)) {
-        said = UseHashDict(&handle);
+        said = UseHashDict(&handle, input);
       } else if (HashDictCheck(&handle, nullptr)) {
         said = "a refused image is sound";
       }
@@ -232,7 +248,7 @@ inline std::string ReadHashDictBytes(std::span<const uint8_t> input) {
       // As it comes: its first four bytes are the length. Or with its own length in front.
       StringChannel f((way & 0x80) != 0 ? image : prefix(4));
       if (HashDictFileRead(&hdict, f.get())) {
-        said = UseHashDict(hdict);
+        said = UseHashDict(hdict, input);
         HashDictMemClose(hdict);
       }
       break;
@@ -241,7 +257,7 @@ inline std::string ReadHashDictBytes(std::span<const uint8_t> input) {
       const Guarded block((way & 0x80) != 0 ? image : prefix(8));
       UByte* from = block.data() + ((way & 0x40) != 0 ? std::min<size_t>(3, block.size()) : 0);
       while (HashDictMMRead(&hdict, block.data(), &from, block.end())) {
-        if (said.empty()) said = UseHashDict(hdict);
+        if (said.empty()) said = UseHashDict(hdict, input);
         HashDictMMFree(hdict);
       }
       if (from < block.data() || from > block.end()) said = "the position left the mapping";
@@ -252,7 +268,7 @@ inline std::string ReadHashDictBytes(std::span<const uint8_t> input) {
       faults::ServeFileMaps(&files);
       hdict = HashDictOpen("anywhere", "image", nullptr);
       if (hdict != nullptr) {
-        said = UseHashDict(hdict);
+        said = UseHashDict(hdict, input);
         HashDictClose(hdict);
       }
       faults::ServeFileMaps(nullptr);

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "qxlib/misc.h"
 #include "support/faults.h"
@@ -63,7 +64,7 @@ void* ServeFile(const char* name, size_t* size, Boolean* empty) {
   if (file == served_files->end() || file->second.empty()) return nullptr;
   *size = file->second.size();
   std::string bytes = file->second;
-  bytes.resize((bytes.size() + 3) / 4 * 4, '\xEE');
+  if (std::string_view(name).ends_with(".idx")) bytes.resize((bytes.size() + 3) / 4 * 4, '\xEE');
   auto copy = std::make_unique<support::Guarded>(bytes);
   void* base = copy->data();
   served_maps[base] = std::move(copy);

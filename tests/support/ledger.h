@@ -47,8 +47,9 @@ void FillBlocks(unsigned char byte);
 void RefuseBlocksAbove(size_t size);
 constexpr int kRefusedBlock = 3;
 
-// FileMapRead finds these files, by name, and no others; null: the file system's. The mappings end at a protected page,
-// or up to 3 bytes before it: they begin at multiples of 4.
+// FileMapRead finds these files, by name, and no others; null: the file system's. The mappings end at a protected page;
+// those of indexes (".idx"), whose words are read where they lie, up to 3 bytes before it: they begin at multiples
+// of 4.
 void ServeFileMaps(const std::map<std::string, std::string>* files);
 
 // FileUnmap unmaps, but answers FALSE with this errno, once, after so many more calls.

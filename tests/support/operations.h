@@ -8,27 +8,10 @@
 #include <string>
 
 #include "support/int_maps.h"
+#include "support/numbers.h"
 #include "support/trees.h"
 
 namespace support {
-
-// Takes numbers off the front of some bytes; zeros when they are used up.
-class Numbers {
- public:
-  explicit Numbers(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-  bool Empty() const { return bytes_.empty(); }
-  uint64_t Next(size_t width) {
-    uint64_t number = 0;
-    for (size_t i = 0; i < width && !bytes_.empty(); i++) {
-      number = number << 8 | bytes_[0];
-      bytes_ = bytes_.subspan(1);
-    }
-    return number;
-  }
-
- private:
-  std::span<const uint8_t> bytes_;
-};
 
 // Keys of one byte meet one another often, wide ones lie far apart. Runs of neighbours make the array grow.
 template <typename Api>
