@@ -235,6 +235,13 @@ class ModelMap {
       }
     }
     if (map_.Used() != plain_.used()) text << "order; ";
+    if (T::Size(map_.get()) != plain_.used().size()) text << "size; ";
+    for (UInt n = 0; n < std::min<size_t>(plain_.used().size(), 8); n++) {
+      const auto& slot = plain_.slots()[plain_.used()[n]];
+      Key key = 0, value = 0;
+      T::Get(map_.get(), n, &key, &value);
+      if (key != slot.key || value != slot.value) text << "pair " << n << "; ";
+    }
     if (map.m_used.t.length > map.m_used.t.capacity) text << "m_used; ";
     if (map.m_reach != plain_.Reach()) text << "reach " << map.m_reach << "; ";
     return text.str();

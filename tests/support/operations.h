@@ -26,7 +26,7 @@ std::string OperateTree(Numbers numbers) {
       case 0:
       case 1:
       case 2:
-        difference = model.Insert(key, key + 100);
+        difference = (what & 0x20) != 0 ? model.InsertInPlace(key, key + 7) : model.Insert(key, key + 100);
         break;
       case 3:
       case 4:

@@ -180,6 +180,23 @@ class TreeModel {
     return Compare();
   }
 
+  // The same, and the value in place; of a dictionary that hands its values out.
+  std::string InsertInPlace(Key v, Value d) {
+    if constexpr (Api::kStoresZero) {
+      const auto [at, added] = map_.insert({v, d});
+      const Value expected = added ? kAbsent : std::exchange(at->second, d);
+      reference_.Insert(v, d, kAbsent);
+      Value* place = nullptr;
+      if (Api::ValueInsert(dict(), v, d, kAbsent, &place) != expected) return "insert in place: not what the map gives";
+      if (place == nullptr || *place != d) return "insert in place: another place";
+      if (Api::ValueGet(dict(), v) != place) return "the place of a value";
+      reference_.Find(v, kAbsent);  // which leaves its key in the header
+      return Compare();
+    } else {
+      return Insert(v, d);
+    }
+  }
+
   std::string Remove(Key v) {
     Value expected = kAbsent;
     if (const auto at = map_.find(v); at != map_.end()) {
