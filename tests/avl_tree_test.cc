@@ -61,6 +61,12 @@ struct InsertionCase {
   std::string shape;
 };
 
+// Indices have 31 bits; the top bit of a link is a flag.
+TEST(NodeArray, HoldsTwoToThe31Slots) {
+  EXPECT_EQ(tree::kMaxSlots, 2147483648u);
+  EXPECT_EQ(tree::kIndexMask, 2147483647u);
+}
+
 TYPED_TEST(AvlTree, InsertionRebalances) {
   const InsertionCase cases[] = {
       {{20}, "20"},

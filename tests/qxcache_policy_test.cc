@@ -59,6 +59,12 @@ void FillUp(const QuietCache& cache) {
   }
 }
 
+TEST(QXCachePolicy, FlagsKeepTheirValues) {  // programs are compiled with them
+  EXPECT_EQ(int{QX_CACHE_NEWEST_WINS}, 1);
+  EXPECT_EQ(int{QX_CACHE_KEEP_PAGES}, 2);
+  EXPECT_EQ(int{QX_CACHE_TRUE_AGE}, 4);
+}
+
 TEST(QXCacheNewWithPolicy, UnknownFlagsGiveNull) {
   for (const UInt policy : {8u, 16u, 0x80000000u, 0xFFFFFFFFu, 9u}) {
     EXPECT_EQ(QXCacheNewWithPolicy(8, 1024, 1, 8, 16, 1000, 8192, policy), nullptr) << policy;

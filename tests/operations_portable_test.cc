@@ -1,0 +1,3 @@
+// The same operations, on the tables and maps as they are compiled where there are no vector instructions.
+
+#include "operations_test.cc"
