@@ -146,6 +146,15 @@ TEST(CacheFront, GrowsWithTheIndexAndFindsEverythingAllTheWhile) {
   EXPECT_GT(CheckFront(cache.get()), 1000u);
 }
 
+// 64 buckets are all that there are; a table that is full of words goes on with them.
+TEST(CacheFront, StaysAtItsLargestSizeWhenThatIsFull) {
+  const QuietCache cache(kSmall);
+  for (int i = 0; i < 500; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), "v"));
+  EXPECT_EQ(cache->c_extra->front_stage, 6u);
+  EXPECT_LE(CheckFront(cache.get()), 512u);
+  for (int i = 0; i < 500; i++) ASSERT_EQ(cache.Fetch(Numbered("key", i)), "v");
+}
+
 TEST(CacheFront, AStageIsFullWithFiveWordsABucket) {
   const QuietCache cache(kSmall);
   for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
