@@ -102,9 +102,9 @@ TEST(HashDelTableNew, TakesTheLowBitsOfTheKeySize) {
 TEST(HashDelTableInitDeathTest, EndsTheProcessWhereTheSlotCountWouldWrap) {
   HashDelTable table;
   EXPECT_CLEAR_END(HashDelTableInit(&table, 1431655766, nullptr, nullptr, nullptr, 8, 0),
-                   ":hashdeltable: capacity too large: capacity=1431655766");
+                   ":hashdeltable: capacity too large: capacity=1431655766\n");
   EXPECT_CLEAR_END(HashDelTableNew(0xFFFFFFFF, nullptr, nullptr, nullptr, 8, 0),
-                   ":hashdeltable: capacity too large: capacity=4294967295");
+                   ":hashdeltable: capacity too large: capacity=4294967295\n");
 }
 
 TEST(HashDelTableFind, InsertsOnlyWhenAsked) {
