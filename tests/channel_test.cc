@@ -331,6 +331,52 @@ TEST_F(ChannelWrite, AFileOpenedForReadingTakesNothing) {
   EXPECT_EQ(support::ReadFile(path()), "old");
 }
 
+// Each of the two times holds by itself, none at all among them.
+TEST_F(ChannelRead, GivesUpAfterItsTimeWhateverThatOfWritingIs) {
+  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+  const int other = open(path().c_str(), O_RDWR | O_CLOEXEC);
+  for (const TimeMilliseconds time : {30, 1, 0}) {
+    Channel* f = ChannelNew(time, -1);
+    ASSERT_EQ(ChannelOpenFile(f, path().c_str(), "r"), TRUE);
+    char byte;
+    EXPECT_EQ(ChannelReadBuf(f, &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(ChannelClose(f), TRUE);
+  }
+  close(other);
+}
+
+TEST_F(ChannelRead, AWaitThatFailsIsAFailure) {
+  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+  const int other = open(path().c_str(), O_RDWR | O_CLOEXEC);
+  Channel* f = ChannelNew(2000, 2000);
+  ASSERT_EQ(ChannelOpenFile(f, path().c_str(), "r"), TRUE);
+  char byte;
+  Int result = 0;
+  {
+    const support::SoftLimit limit(RLIMIT_NOFILE, 0);  // of descriptors, which poll then refuses
+    result = ChannelReadBuf(f, &byte, 1, 0);
+  }
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ChannelClose(f), TRUE);
+  close(other);
+}
+
+TEST_F(ChannelWrite, GivesUpAfterItsTimeWhateverThatOfReadingIs) {
+  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+  const int other = open(path().c_str(), O_RDWR | O_CLOEXEC);
+  const std::string bytes = Bytes(1 << 20);
+  for (const TimeMilliseconds time : {30, 0}) {
+    Channel* f = ChannelNew(-1, time);
+    ASSERT_EQ(ChannelOpenFile(f, path().c_str(), "w"), TRUE);
+    EXPECT_EQ(ChannelWriteBuf(f, bytes.data(), bytes.size()), FALSE);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(ChannelClose(f), FALSE);
+  }
+  close(other);
+}
+
 TEST_F(ChannelWrite, GivesUpAfterItsTime) {
   ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
   const int other = open(path().c_str(), O_RDWR | O_CLOEXEC);
@@ -552,6 +598,36 @@ TEST_F(ChannelDevice, ThatFailsWithoutAReasonGetsOne) {
   EXPECT_EQ(ChannelFlush(f), FALSE);
   EXPECT_EQ(errno, ECONNRESET);
   EXPECT_EQ(ChannelClose(f), FALSE);
+}
+
+TEST_F(ChannelDevice, ThatFailsSilentlyIsNotGivenAnOldReason) {
+  const ChannelVirtual operations = {[](void*, size_t, void*) -> ssize_t { return -1; },
+                                     [](const void*, size_t, void*) -> ssize_t { return -1; },
+                                     nullptr,
+                                     [](void*) { return -1; },
+                                     [](void*) { return -1; },
+                                     nullptr};
+  Channel* f = Over(&operations);
+  char byte;
+  errno = ENOENT;
+  EXPECT_EQ(ChannelReadBuf(f, &byte, 1, 0), -1);
+  EXPECT_EQ(errno, EIO);
+  errno = ENOENT;
+  EXPECT_EQ(ChannelSync(f), FALSE);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(ChannelClose(f), FALSE);
+
+  f = Over(&operations);
+  ChannelWriteBuf(f, "x", 1);
+  errno = ENOENT;
+  EXPECT_EQ(ChannelFlush(f), FALSE);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(ChannelClose(f), FALSE);
+
+  f = Over(&operations);
+  errno = ENOENT;
+  EXPECT_EQ(ChannelClose(f), FALSE);
+  EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(ChannelDevice, ThatCannotSyncOrShutDownSaysSo) {
