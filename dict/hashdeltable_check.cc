@@ -28,7 +28,8 @@ UInt ProbesUpTo(const HashDelTable& table, UInt hash, UInt slot, ULong* steps_le
 }  // namespace
 
 Boolean HashDelTableCheck(const HashDelTable* table, const char** reason) {
-  return heap::Check(*table, {table->t_nentries, table->t_nkeys_max, table->t_nkeys, table->t_deleted}, reason);
+  const UInt slots = table->t_nentries;
+  return heap::Check(*table, {slots, slots, table->t_nkeys_max, table->t_nkeys, table->t_deleted}, reason);
 }
 
 void HashDelTableStats(const HashDelTable* table, HashTableStatistics* stats, void* ptr) {

@@ -213,8 +213,7 @@ bool Occupy(HashTable* table, UInt s, UInt offset, UInt hash) {
 
 // Hashes every key anew into slots for this capacity; false: the mapping failed, and all is as before.
 bool Rebuild(HashTable* table, UInt capacity, void* ptr) {
-  // A file may have more slots than its capacity asks for. They stay: the array never shrinks.
-  const UInt slots = std::max(Prime(heap::SlotsFor(capacity)), table->t_entries_size);
+  const UInt slots = Prime(heap::SlotsFor(capacity));
   void* entries = HashRealloc(table, sizeof(UInt), table->t_entries, table->t_entries_size, slots);
   if (entries == nullptr) return false;
   table->t_entries_capacity = capacity;

@@ -1,12 +1,19 @@
 // Looking at a HashTable from outside: whether it is sound, and figures about it.
 
 #include "dict/hashtable.h"
+
+#include <algorithm>
+
 #include "dict/heap_check.h"
 #include "dict/heap_entry.h"
 #include "dict/heap_stats.h"
+#include "qxlib/prime.h"
 
 Boolean HashTableCheck(const HashTable* table, const char** reason) {
-  return heap::Check(*table, {table->t_entries_size, table->t_entries_capacity, table->t_entries_used, 0}, reason);
+  // Growing asserts that slots never become fewer.
+  const UInt capacity = table->t_entries_capacity;
+  const UInt most_slots = Prime(heap::SlotsFor(std::min(capacity, heap::kMaximumCapacity)));
+  return heap::Check(*table, {table->t_entries_size, most_slots, capacity, table->t_entries_used, 0}, reason);
 }
 
 void HashTableStats(const HashTable* table, HashTableStatistics* stats, void* ptr) {

@@ -16,6 +16,7 @@ namespace heap {
 // What a record says, in the words of neither table.
 struct Claims {
   UInt slots;
+  UInt most_slots;  // that growing by any factor leaves
   UInt capacity;
   UInt keys;        // live, or chosen
   UInt tombstones;  // 0 where there are none
@@ -27,6 +28,7 @@ const char* FirstFault(const Table& table, const Claims& claims) {
   if (table.t_key_size > 4) return "the key length field is wider than 4 bytes";
   if (claims.slots < 3 || table.t_entries == nullptr) return "there are too few slots";
   if (claims.capacity >= claims.slots) return "the capacity leaves no free slot";
+  if (claims.slots > claims.most_slots) return "there are more slots than the capacity asks for";
   if (claims.keys > claims.capacity - std::min(claims.capacity, claims.tombstones) ||
       claims.tombstones > claims.capacity) {
     return "there are more keys than the capacity";

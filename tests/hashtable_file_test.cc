@@ -727,27 +727,6 @@ TEST(HashTableRead, ClaimedCapacityThatIsNotThereTakesNoMemoryToGrow) {
   EXPECT_EQ(HashTableCapacity(table.get()), 15000u);  // half as much again as 10000
 }
 
-TEST(HashTableRead, MoreSlotsThanTheCapacityAsksForStayWhenItGrows) {
-  const TemporaryDirectory directory;
-  File file;
-  file.capacity = 5;
-  file.slots.assign(31, 0xFFFFFFFF);
-  WriteFile(directory.file("t"), file.bytes());
-  for (const Boolean vm : {FALSE, TRUE}) {
-    HashTablePtr table = Read(directory.file("t"), vm);
-    ASSERT_NE(table, nullptr);
-    HashTableGrow(table.get(), 1.5F, nullptr);  // 11 slots would do for 7 keys
-    EXPECT_EQ(HashTableCapacity(table.get()), 7u);
-    EXPECT_EQ(table->t_entries_size, 31u);
-    EXPECT_EQ(HashTableReserve(table.get(), 20, nullptr), TRUE);
-    EXPECT_EQ(table->t_entries_size, 31u);
-    EXPECT_NE(Insert(table.get(), "a"), nullptr);
-    EXPECT_NE(Find(table.get(), "a"), nullptr);
-    HashTableGrow(table.get(), 1.5F, nullptr);
-    EXPECT_EQ(table->t_entries_size, 47u);
-  }
-}
-
 // The entries that a look-up of many asks the memory for in advance need not be there.
 TEST(HashTableRead, SlotsWithoutAHeapAreLookedUpManyAtOnce) {
   const TemporaryDirectory directory;

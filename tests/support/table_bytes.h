@@ -227,6 +227,8 @@ class UsedTable {
   size_t MostEntries() const { return std::min(table_->t_data_used, table_->t_data_size) + 1; }
 
   const char* WhenSelected() const { return table_->t_selected ? "!table->t_selected" : nullptr; }
+  // A file may have more slots than its capacity asks for. The check refuses it.
+  const char* WhenSlotsAreMany() const { return !sound_ && !Api::kRemoves ? "osize <= nsize" : nullptr; }
   const char* WhenTooLong(UInt len) const {
     const UByte width = table_->t_key_size;
     return width != 0 && width < 4 && len >= 1u << 8 * width ? "l < (b << (8 * k))" : nullptr;
@@ -317,10 +319,11 @@ class UsedTable {
     if (kind == 200) factor = std::numeric_limits<float>::infinity();
     if (kind == 201) factor = std::numeric_limits<float>::quiet_NaN();
     if (kind >= 224) {
-      Call([&] { Api::Reserve(table_, number % 5000, this); }, {WhenSelected()});
+      Call([&] { Api::Reserve(table_, number % 5000, this); }, {WhenSelected(), WhenSlotsAreMany()});
       Call([&] { Api::Reserve(table_, 0xFFFFFFF0 + number % 16, this); }, {WhenSelected()});
     } else {
-      Call([&] { Api::Grow(table_, factor, this); }, {WhenSelected(), factor > 1.0F ? nullptr : "factor > 1.0"});
+      Call([&] { Api::Grow(table_, factor, this); },
+           {WhenSelected(), WhenSlotsAreMany(), factor > 1.0F ? nullptr : "factor > 1.0"});
     }
   }
 
