@@ -55,9 +55,11 @@ constexpr UInt kAllPolicies = QX_CACHE_NEWEST_WINS | QX_CACHE_KEEP_PAGES | QX_CA
 // What a block costs beside its key and value in a page that holds nothing else.
 constexpr size_t kEmptyPageOverhead = sizeof(Page) + sizeof(CacheBlock);
 
-static_assert(sizeof(Page) == 88 && sizeof(CacheBlock) == 56, "the headers are a promise to tools");
-static_assert(offsetof(Page, p_alloc_ptr) == 40 && offsetof(Page, p_copy_ptr) == 48 && offsetof(Page, p_end) == 56 &&
-              offsetof(Page, p_last) == 64 && offsetof(Page, p_next) == 72 && offsetof(Page, p_prev) == 80);
+// The headers are a promise to tools: 88 and 56 bytes where a mutex takes 40, as on x86-64.
+static_assert(sizeof(Page) == sizeof(Mutex) + 48 && sizeof(CacheBlock) == 56);
+static_assert(offsetof(Page, p_alloc_ptr) == sizeof(Mutex) && offsetof(Page, p_copy_ptr) == sizeof(Mutex) + 8 &&
+              offsetof(Page, p_end) == sizeof(Mutex) + 16 && offsetof(Page, p_last) == sizeof(Mutex) + 24 &&
+              offsetof(Page, p_next) == sizeof(Mutex) + 32 && offsetof(Page, p_prev) == sizeof(Mutex) + 40);
 static_assert(offsetof(CacheBlock, b_key) == 0 && offsetof(CacheBlock, b_size) == 8 &&
               offsetof(CacheBlock, b_created) == 16 && offsetof(CacheBlock, b_expires) == 24 &&
               offsetof(CacheBlock, b_accessed) == 32 && offsetof(CacheBlock, b_page) == 40 &&

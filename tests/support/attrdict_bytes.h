@@ -14,9 +14,9 @@
 #include <array>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <span>
+#include <sstream>
 #include <string>
 
 #include "dict/attrdict.h"
@@ -110,7 +110,9 @@ inline std::string WriteAnew(const AttrDict* adict, const std::string& idx, cons
   if (!AttrDictCommit(written)) return "cannot be completed";
   const auto whole = [&directory](const char* name) {
     std::ifstream in(directory + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
   };
   if (whole("/anew.idx") != idx) return "a sound index is not what a writer writes";
   if (whole("/anew.dat") != dat) return "sound data are not what a writer writes";

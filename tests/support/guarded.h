@@ -21,7 +21,7 @@ class Guarded {
     void* base = mmap(nullptr, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) std::abort();
     base_ = static_cast<uint8_t*>(base);
-    if (mprotect(base_ + page, mapped_ - 2 * page, PROT_READ | PROT_WRITE) != 0) std::abort();
+    if (size_ > 0 && mprotect(base_ + page, mapped_ - 2 * page, PROT_READ | PROT_WRITE) != 0) std::abort();
     data_ = base_ + mapped_ - page - size_;
     if (size_ > 0) std::memcpy(data_, bytes.data(), size_);
   }

@@ -165,7 +165,7 @@ inline size_t CheckCache(Cache* cache) {
     for (UInt i = 0; i < cache->c_region_size; i++) {
       char* const start = static_cast<char*>(cache->c_regions.t.elts[r].r_base) + size_t{i} * cache->c_page_size;
       Page* const page = reinterpret_cast<Page*>(start);
-      UByte* expected = reinterpret_cast<UByte*>(start) + 88;
+      UByte* expected = reinterpret_cast<UByte*>(start) + sizeof(Page);
       EXPECT_EQ(page->p_copy_ptr, expected);
       EXPECT_EQ(page->p_end, reinterpret_cast<UByte*>(start) + cache->c_page_size);
       for (CacheBlock* block : BlocksOf(page)) {
