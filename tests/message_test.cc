@@ -8,6 +8,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -206,6 +209,69 @@ TEST(MessageDeathTest, WithoutMemoryALongTextIsCutAndMarked) {
       },
       testing::ExitedWithCode(0), "ExampleNew: x{252}\\.\\.\\.: Input/output error\n$");
 }
+
+#ifndef QX_SANITIZED  // a sanitizer's allocator does not go on without memory
+
+// Takes all memory that there is, down to the smallest block.
+void ExhaustMemory() {
+  support::LimitMemory();
+  for (size_t size = size_t{1} << 20; size >= 16; size = size > 4096 ? size / 2 : size - 16) {
+    while (malloc(size) != nullptr) {
+    }
+  }
+}
+
+TEST(MessageDeathTest, WithoutMemoryTheEndOfATextIsCutAndMarked) {
+  EXPECT_EXIT(
+      {
+        const std::string text(250, 'x');
+        Context(TRUE);
+        ExhaustMemory();
+        errno = EIO;
+        QXMessage_("%s", text.c_str());
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "ExampleNew: x{250}: \\.\\.\\.\n$");
+}
+
+// A block of whole pages that there is no page more for.
+TEST(MessageDeathTest, WithoutMemoryTheEndOfALongTextIsCutAndMarked) {
+  EXPECT_EXIT(
+      {
+        static const std::string text((size_t{8} << 20) - 25, 'x');  // with the end and the allocator's own: 8 MiB
+        QXMessageHandlerSet(
+            [](const QXMessageContext*, const char* bytes, void*) {
+              const std::string tail(bytes + strlen(bytes) - 5);
+              _exit(strlen(bytes) == text.size() && tail == "xx..." ? 7 : 1);
+            },
+            nullptr);
+        Context(TRUE);
+        size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        support::Limit(RLIMIT_AS, pages * 4096 + (size_t{8} << 20));
+        errno = EIO;
+        QXMessage_("%s", text.c_str());
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+TEST(MessageDeathTest, SavingAnErrorWithoutMemoryKeepsErrno) {
+  EXPECT_EXIT(
+      {
+        errno = EIO;
+        QXErrorRethrow_("error opening %s", std::string(300, 'p').c_str());
+        ExhaustMemory();
+        errno = EXDEV;
+        QXErrorSave();
+        const bool kept = errno == EXDEV;
+        QXErrorRestore();
+        const char* const text = QXErrorText();
+        _exit(kept && strncmp(text, "error opening ppp", 17) == 0 && strcmp(text + 252, "...") == 0 ? 7 : 1);
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+#endif
 
 std::atomic<int> calls_of_the_handler_without_memory{0};
 

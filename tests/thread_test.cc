@@ -139,10 +139,9 @@ TEST(Condition, ASignalWakesAWaiterThatHasATimeOut) {
         Counter* c = static_cast<Counter*>(arg);
         pthread_mutex_lock(&c->mutex);
         c->awake = 1;
-        while (c->count == 0) {
-          if (ConditionTimedWait(&c->condition, &c->mutex, 60000) == FALSE) break;
-        }
-        c->awake = 2;
+        Boolean in_time = TRUE;
+        while (c->count == 0 && in_time) in_time = ConditionTimedWait(&c->condition, &c->mutex, 60000);
+        c->awake = in_time ? 2 : 3;
         pthread_mutex_unlock(&c->mutex);
         return nullptr;
       },
