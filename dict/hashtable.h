@@ -151,7 +151,8 @@ QX_API UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Bool
  * @param ptr     handed to the table's hash callback
  *
  * On failure the table stays as it was, after a message: a mapping failed, or the new capacity passes 1431655765. A
- * damaged capacity, one that the slots do not hold, counts as the number of slots or as 10000, whichever is more.
+ * damaged capacity, one that the slots do not hold, counts as the number of slots or as 10000, whichever is more; one
+ * that asks for fewer slots than there are fails the assertion "osize <= nsize".
  *
  * Invalidates nothing: entries stay where they are. Cost: one hash and one slot a key, in the order of insertion.
  */
