@@ -407,8 +407,27 @@ class UsedTable {
     table_ = copy;
   }
 
-  // What only one of the two has.
+  // A key that lies in the table's own heap, which an insertion may move.
+  void UseOwnBytes(UByte kind, UInt number) {
+    if (table_->t_data_size == 0 || table_->t_val_len > kMostValue) return;
+    const size_t at = number % table_->t_data_size;
+    const auto length = static_cast<UInt>(std::min<size_t>(kind % 40, table_->t_data_size - at));
+    const std::string key = Text(table_->t_data + at, length);
+    UByte* entry = nullptr;
+    Call([&] { entry = Api::Find(table_, table_->t_data + at, length, TRUE, nullptr, this); },
+         {WhenSelected(), WhenTooLong(length)});
+    if (entry != nullptr) Inside(entry, table_->t_val_len, "a value");
+    if (entry != nullptr && sound_ && table_->t_hash == nullptr) {
+      const UByte* bytes = nullptr;
+      const UInt stored = Api::Key(table_, entry, &bytes);
+      if (Text(bytes, stored) != key) Wrong("a key of the table's own is not the one that is stored");
+    }
+    Call([&] { Api::Remove(table_, table_->t_data + at, length, this); }, {WhenSelected()});
+  }
+
+  // What only one of the two has, and what is seldom done.
   void Others(const std::string& key, UByte kind, UInt number) {
+    if (kind >= 128 && kind < 192) return UseOwnBytes(kind, number);
     if constexpr (!Api::kRemoves) {
       if (kind >= 192) return SelectIntoArray(number);
       const std::string other = KeyFor(static_cast<UByte>(kind + 1), number + 1);
