@@ -409,9 +409,10 @@ class UsedTable {
 
   // A key that lies in the table's own heap, which an insertion may move.
   void UseOwnBytes(UByte kind, UInt number) {
-    if (table_->t_data_size == 0 || table_->t_val_len > kMostValue) return;
-    const size_t at = number % table_->t_data_size;
-    const auto length = static_cast<UInt>(std::min<size_t>(kind % 40, table_->t_data_size - at));
+    const size_t used = std::min(table_->t_data_used, table_->t_data_size);
+    if (used == 0 || table_->t_val_len > kMostValue) return;
+    const size_t at = number % used;
+    const auto length = static_cast<UInt>(std::min<size_t>(kind % 40, used - at));
     const std::string key = Text(table_->t_data + at, length);
     UByte* entry = nullptr;
     Call([&] { entry = Api::Find(table_, table_->t_data + at, length, TRUE, nullptr, this); },
