@@ -9,116 +9,24 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "dict/attrdict.h"
-#include "dict/hashdict.h"
-#include "dict/hashtable.h"
 #include "qxlib/misc.h"
 #include "support/files.h"
 #include "support/limits.h"
+#include "support/writers.h"
 
 namespace {
 
+using support::Many;
+using support::Strings;
 using support::TemporaryDirectory;
-using Strings = std::vector<std::string>;
-
-const UByte* Bytes(const std::string& text) { return reinterpret_cast<const UByte*>(text.data()); }
-UInt Count(const Strings& strings) { return static_cast<UInt>(strings.size()); }
-UInt Length(const std::string& text) { return static_cast<UInt>(text.size()); }
-
-// The writers that die. Each writes a set of strings, and tells of what is there whether it is one of them:
-// "refused", "whole", or "wrong", which it must not be unless it is another of the sets.
-
-struct HashDictWriter {
-  static bool Write(const TemporaryDirectory& dir, const Strings& strings) {
-    static std::map<Strings, std::unique_ptr<HashDict, decltype(&HashDictFree)>> built;
-    auto at = built.find(strings);
-    if (at == built.end()) {
-      HashDict* hdict = HashDictBuild(Count(strings), const_cast<Strings*>(&strings), Key, nullptr, 0, 8, FALSE);
-      at = built.try_emplace(strings, hdict, HashDictFree).first;
-    }
-    return HashDictWrite(at->second.get(), dir.path().c_str(), "words", nullptr, FALSE) != FALSE;
-  }
-
-  static std::string Ask(const TemporaryDirectory& dir, const Strings& strings) {
-    HashDict* opened = HashDictOpen(dir.path().c_str(), "words", nullptr);
-    if (opened == nullptr) return "refused";
-    size_t right = 0;
-    for (Id i = 0; i < strings.size(); i++) {
-      right += HashDictFind(opened, Bytes(strings[i]), Length(strings[i])) == i ? 1u : 0u;
-    }
-    const bool whole = right == strings.size() && HashDictSize(opened) == strings.size();
-    HashDictClose(opened);
-    return whole ? "whole" : "wrong";
-  }
-
- private:
-  static UShort Key(void* strings, Id idx, const UByte** bytes) {
-    const std::string& key = (*static_cast<Strings*>(strings))[idx];
-    *bytes = Bytes(key);
-    return static_cast<UShort>(key.size());
-  }
-};
-
-struct HashTableWriter {
-  static bool Write(const TemporaryDirectory& dir, const Strings& strings) {
-    HashTable* table = HashTableNew(Count(strings), nullptr, nullptr, nullptr, sizeof(UInt), 0, FALSE);
-    for (UInt i = 0; i < strings.size(); i++) {
-      UByte* value = HashTableFind(table, Bytes(strings[i]), Length(strings[i]), TRUE, nullptr, nullptr);
-      std::memcpy(value, &i, sizeof i);
-    }
-    const bool written = HashTableWrite(table, dir.file("table").c_str()) != FALSE;
-    HashTableFree(table);
-    return written;
-  }
-
-  static std::string Ask(const TemporaryDirectory& dir, const Strings& strings) {
-    HashTable* read = HashTableRead(dir.file("table").c_str(), nullptr, nullptr, nullptr, FALSE);
-    if (read == nullptr) return "refused";
-    size_t right = 0;
-    for (UInt i = 0; i < strings.size(); i++) {
-      const UByte* value = HashTableFind(read, Bytes(strings[i]), Length(strings[i]), FALSE, nullptr, nullptr);
-      right += value != nullptr && std::memcmp(value, &i, sizeof i) == 0 ? 1u : 0u;
-    }
-    const bool whole = right == strings.size() && HashTableSize(read) == strings.size();
-    HashTableFree(read);
-    return whole ? "whole" : "wrong";
-  }
-};
-
-struct AttrDictWriter {
-  static bool Write(const TemporaryDirectory& dir, const Strings& strings) {
-    AttrDict* adict = AttrDictBuild(dir.path().c_str(), "strings", FALSE);
-    if (adict == nullptr) return false;
-    for (const std::string& s : strings) AttrDictAdd(adict, Bytes(s), static_cast<UByte>(s.size()));
-    return AttrDictCommit(adict) != FALSE;
-  }
-
-  static std::string Ask(const TemporaryDirectory& dir, const Strings& strings) {
-    AttrDict* opened = AttrDictOpen(dir.path().c_str(), "strings");
-    if (opened == nullptr) return "refused";
-    const bool sound = AttrDictCheck(opened, nullptr) != FALSE;
-    size_t right = 0;
-    for (Id i = 0; i < strings.size(); i++) {
-      const UByte* bytes = nullptr;
-      const UByte length = AttrDictGet(opened, i, &bytes);
-      right += bytes != nullptr && std::string(reinterpret_cast<const char*>(bytes), length) == strings[i] ? 1u : 0u;
-    }
-    const UInt size = AttrDictSize(opened);
-    AttrDictClose(opened);
-    if (!sound) return "refused";
-    if (size == 0) return "empty";
-    return right == strings.size() && size == strings.size() ? "whole" : "wrong";
-  }
-};
+using support::writers::AttrDictWriter;
+using support::writers::HashDictWriter;
+using support::writers::HashTableWriter;
 
 size_t LargestFile(const TemporaryDirectory& dir) {
   uintmax_t largest = 0;
@@ -163,13 +71,6 @@ TYPED_TEST(KilledWriter, LeavesAWholeFileOrARefusedOneWhereverItDies) {
     const bool looks_empty = std::is_same_v<TypeParam, AttrDictWriter> && bytes == sizeof(UInt);
     EXPECT_EQ(TypeParam::Ask(dir, strings), bytes == size ? "whole" : looks_empty ? "empty" : "refused") << bytes;
   }
-}
-
-// Large enough for many writes.
-Strings Many(const std::string& prefix, UInt count) {
-  Strings strings;
-  for (UInt i = 0; i < count; i++) strings.push_back(prefix + std::to_string(i) + std::string(i % 7, '.'));
-  return strings;
 }
 
 // One process writes A and B in turns until it is killed.

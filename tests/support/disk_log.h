@@ -1,0 +1,40 @@
+// What a disk would hold after a power cut. Link disk_log.cc into the test: its open, write, fsync, rename, unlink and
+// so on stand before the C library's, for the libraries under test too, and write down what is done in one directory.
+//
+// A disk keeps what was synced: a file's bytes by fsync of the file, a name by fsync of its directory. Of the rest,
+// block by block and name by name, it keeps what it likes.
+#ifndef TESTS_SUPPORT_DISK_LOG_H
+#define TESTS_SUPPORT_DISK_LOG_H
+
+#include <cstddef>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace support {
+
+// What becomes of blocks and names that were not synced.
+enum class Unsynced { kKept, kDropped, kZeroed, kAnyOfThem };
+
+class DiskLog {
+ public:
+  // Writes down what is done in a directory from here on. What is in it is taken to be synced. One at a time.
+  explicit DiskLog(const std::string& directory);
+  ~DiskLog();
+  DiskLog(const DiskLog&) = delete;
+  DiskLog& operator=(const DiskLog&) = delete;
+
+  // Ends the log.
+  void Stop();
+
+  size_t events() const;
+  std::string Describe(size_t event) const;
+
+  // The files, by name, that the disk may hold when the power fails behind the first `count` events.
+  std::map<std::string, std::string> After(size_t count, Unsynced unsynced, std::mt19937* random) const;
+};
+
+}  // namespace support
+
+#endif
