@@ -540,6 +540,28 @@ TEST(HashDelTableMemRead, NeedsThreeSlotsToProbe) {
   for (const char* key : {"a", "b", "c"}) EXPECT_NE(Find(table.get(), key), nullptr);
 }
 
+// Of three slots each is the next one's neighbour, whichever comes first.
+TEST(HashDelTableFind, GoesRoundThreeSlots) {
+  Fields fields;
+  fields.heap = std::string(
+      "\x02"
+      "b\0\0\0\0\0\0"
+      "\x02"
+      "e",
+      10);  // both begin at slot 2
+  fields.slots = {8, kEmpty, 0};
+  fields.nkeys_max = 2;
+  fields.nkeys = 2;
+  HashDelTablePtr table = Read(fields);
+  EXPECT_TRUE(HashDelTableCheck(table.get(), nullptr));
+  EXPECT_EQ(Find(table.get(), "b"), table->t_data);
+  EXPECT_EQ(Find(table.get(), "e"), table->t_data + 8);
+  EXPECT_EQ(Find(table.get(), "h"), nullptr);
+  EXPECT_TRUE(Remove(table.get(), "b"));
+  EXPECT_TRUE(Remove(table.get(), "e"));
+  EXPECT_FALSE(Remove(table.get(), "e"));
+}
+
 TEST(HashDelTableClear, KeepsUpTo10000Slots) {
   Fields fields;
   fields.nkeys_max = 6000;
