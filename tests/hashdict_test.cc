@@ -297,6 +297,17 @@ TEST_F(HashDictFileReadTest, ALengthIsNotBelievedBeforeItsBytesAreThere) {
   EXPECT_EQ(ledger.blocks(), 0u);
 }
 
+TEST_F(HashDictFileReadTest, ALengthThatIsNotWholeTakesNoMemory) {
+  for (size_t length = 0; length < 4; length++) {
+    Put("record", std::string(length, '\x01'));
+    const ChannelPtr f = Reading(directory_.file("record"));
+    Ledger ledger;
+    HashDict* hdict = nullptr;
+    EXPECT_FALSE(HashDictFileRead(&hdict, f.get()));
+    EXPECT_LT(ledger.largest(), 1000u) << length;
+  }
+}
+
 TEST_F(HashDictFileReadTest, AfterThatNoMoreThanTwiceOfWhatWasThere) {
   Put("record", std::string(4, '\xFF') + std::string(size_t{17} << 20, '\0'));
   const ChannelPtr f = Reading(directory_.file("record"));
