@@ -131,7 +131,7 @@ bool Close(FILE* f) {
   return fclose(f) == 0 && !failed;
 }
 
-// Makes the names of the pair stable, which may be new. A directory that cannot be read cannot be synced either.
+// Makes the names of the pair stable, which may be new.
 bool SyncNames(const AttrDict& adict) { return adict.a_directory < 0 || qx::SyncDirectory(adict.a_directory); }
 
 // Writes what is left and closes both files. False, with errno, when they are not whole on stable storage.
@@ -139,6 +139,9 @@ bool Complete(AttrDict* adict) {
   WriteUInt(adict, adict->a_size);
   bool whole = Close(adict->a_idx_file);
   if (whole) {
+    // The names in a directory that could not be opened, as one that may be written but not read, are synced with all
+    // of its file system; a failure of that may be any other file's, so it counts for nothing.
+    if (adict->a_directory < 0) syncfs(fileno(adict->a_dat_file));
     whole = Close(adict->a_dat_file) && SyncNames(*adict);
   } else {
     NoteWriteError(adict);

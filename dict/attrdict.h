@@ -91,7 +91,8 @@ QX_API void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len);
  *         first failure (EFBIG at 4 GiB of data), when not: the files are then incomplete
  *
  * The index is completed first. A process that dies before both are leaves a pair that does not open or that
- * `AttrDictCheck` refuses; only one whose index got no further than its first word, 0, is an empty dictionary's. A
+ * `AttrDictCheck` refuses; only one whose index got no further than its first word, 0, is an empty dictionary's. After
+ * a power cut strings can also be an older pair's where this one overwrote it: `AttrDictCommitAs` overwrites nothing. A
  * file-size limit or a closed pipe also raises its signal, SIGXFSZ or SIGPIPE, which ends a process that has not asked
  * otherwise.
  */

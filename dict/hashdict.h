@@ -213,7 +213,8 @@ QX_API UInt HashDictMaxLength(const HashDict* hdict);
 QX_API size_t HashDictFileSize(const HashDict* hdict);
 
 /**
- * Writes the image to a file and forces it to stable storage. The file is `<dir>/<name>.<suffix>`.
+ * Writes the image to a file and forces both, the image and the name, to stable storage: after TRUE they survive a
+ * power cut. The file is `<dir>/<name>.<suffix>`.
  *
  * @param dir     the directory; null: none, as for `HashDictOpen`
  * @param suffix  null: "dic"
@@ -222,8 +223,9 @@ QX_API size_t HashDictFileSize(const HashDict* hdict);
  *         without room in a path is ENAMETOOLONG and touches nothing
  *
  * The file is truncated first and written in place, and whatever goes by its name is REMOVED when opening, writing or
- * forcing fails, an older file that could not be opened included. `HashDictReplace` keeps the older file until the new
- * one is whole.
+ * forcing fails, an older file that could not be opened included. A process that dies here leaves a part of the file,
+ * which does not open; a power cut perhaps one with zeros or older bytes in it, which `HashDictCheck` refuses or calls
+ * safe to use. `HashDictReplace` keeps the older file until the new one is whole.
  */
 QX_API Boolean HashDictWrite(const HashDict* hdict, const char* dir, const char* name, const char* suffix,
                              Boolean swap);

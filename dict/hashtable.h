@@ -273,13 +273,14 @@ QX_API void HashTableClear(HashTable* table);
 /**
  * Writes the table to a file, created or overwritten in place: all slots and the whole heap, as they stand.
  *
- * @return TRUE when the file is written, flushed, synced and closed. FALSE otherwise, with the current error recorded
- *         ("error opening %s", "error writing %s" or "error closing %s"; a failure within the first 37 bytes records
- *         none) and a part of the file left behind; the table is unharmed
+ * @return TRUE when the file is written, flushed, synced, its name included, and closed: it survives a power cut. FALSE
+ *         otherwise, with the current error recorded ("error opening %s", "error writing %s" or "error closing %s"; a
+ *         failure within the first 37 bytes records none) and a part of the file left behind; the table is unharmed
  *
- * A process that dies here leaves neither the old file nor the new one: `HashTableReplace` does better. The file
- * holds the heap's unused bytes too, with what cleared entries left there. The descriptor is close-on-exec and never
- * one of 0 to 2. A file-size limit raises SIGXFSZ first: ignore the signal to get the error.
+ * A process that dies here leaves neither the old file nor the new one, a power cut perhaps a file of the right length
+ * with zeros or older bytes in it, which `HashTableCheck` refuses or calls safe to use: `HashTableReplace` does better.
+ * The file holds the heap's unused bytes too, with what cleared entries left there. The descriptor is close-on-exec and
+ * never one of 0 to 2. A file-size limit raises SIGXFSZ first: ignore the signal to get the error.
  */
 QX_API Boolean HashTableWrite(const HashTable* table, const char* filename);
 

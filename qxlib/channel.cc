@@ -153,13 +153,14 @@ void CloseDirectory(Channel* f) {
   f->directory = -1;
 }
 
-// Makes the name of a file that this channel created stable. A directory that cannot be opened, or not be synced by
-// itself, is synced with all of its file system; a failure of that may be any other file's, so it counts for nothing.
+// Makes the file's name stable, once: a file that was there may have been made by somebody who died before he did that.
+// A directory that cannot be opened is synced with all of its file system.
 bool SyncName(Channel* f) {
   if (!f->created) return true;
-  if (f->directory < 0 || fsync(f->directory) != 0) {
-    if (f->directory >= 0 && errno != EINVAL) return false;
+  if (f->directory < 0) {
     syncfs(f->fd);
+  } else if (!qx::SyncDirectory(f->directory)) {
+    return false;
   }
   f->created = FALSE;
   CloseDirectory(f);
@@ -216,12 +217,10 @@ bool ModeParse(const char* text, Mode* mode) {
   return true;
 }
 
-// Opens the file, creating it where the mode asks for that, and tells whether it was created.
-int OpenFile(const char* path, const Mode& mode, bool* created) {
-  *created = false;
+// Opens the file, creating it where the mode asks for that.
+int OpenFile(const char* path, const Mode& mode) {
   const int fd = qx::OpenDescriptor(path, mode.flags);
   if (fd >= 0 || errno != ENOENT || !mode.creates) return fd;
-  *created = true;  // or somebody else did just now: syncing the directory once more does no harm
   return qx::OpenDescriptor(path, mode.flags | O_CREAT);
 }
 
@@ -259,8 +258,7 @@ Boolean ChannelOpenFile(Channel* f, const char* path, const char* mode) {
   if (IsOpen(f)) return Fail(EBUSY);
   Mode parsed = {};
   if (!ModeParse(mode, &parsed)) return FALSE;
-  bool created = false;
-  const int fd = OpenFile(path, parsed, &created);
+  const int fd = OpenFile(path, parsed);
   if (fd < 0) return FALSE;
   if (!PrepareDescriptor(f, fd)) {
     qx::CloseKeepingErrno(fd);
@@ -271,8 +269,8 @@ Boolean ChannelOpenFile(Channel* f, const char* path, const char* mode) {
   f->inSize = 0;
   f->outSize = 0;
   f->error = 0;
-  f->created = created ? TRUE : FALSE;
-  f->directory = created ? qx::OpenDirectoryOf(path) : -1;
+  f->created = parsed.creates ? TRUE : FALSE;
+  f->directory = parsed.creates ? qx::OpenDirectoryOf(path) : -1;
   return TRUE;
 }
 

@@ -35,8 +35,8 @@ typedef struct Channel {
   int outSize; /**< bytes waiting in `outBuf` */
   UByte outBuf[QX_CHANNEL_BUFFER];
   int fd;                        /**< the library's: the open descriptor, or -1 */
-  int directory;                 /**< the library's: the directory of a created file, until it is synced, or -1 */
-  Boolean created;               /**< the library's: opening created the file, and its name is not yet stable */
+  int directory;                 /**< the library's: the directory of a file to write, until it is synced, or -1 */
+  Boolean created;               /**< the library's: opening may have created the file; its name is unsynced */
   int error;                     /**< the library's: `errno` of the first failure of the way out, or 0 */
   TimeMilliseconds readTimeout;  /**< the library's */
   TimeMilliseconds writeTimeout; /**< the library's */
@@ -97,8 +97,9 @@ QX_API Boolean ChannelWriteBuf(Channel* f, const void* from, size_t count);
 QX_API Boolean ChannelFlush(Channel* f);
 
 /**
- * Flushes, and forces what was written to stable storage: the file, and the directory entry of one that the channel has
- * created. Pipes, terminals and other devices without storage have nothing to force.
+ * Flushes, and forces what was written to stable storage: the file, and, the first time, its directory entry, whoever
+ * created it. Where the directory cannot be forced by itself, all of its file system is. Pipes, terminals and other
+ * devices without storage have nothing to force.
  *
  * @return FALSE as of `ChannelWriteBuf`; EBADF for an unopened channel, ENOTSUP for a device without `sync`. A failure
  *         is never tried again: the system forgets what it could not write, and a second try would succeed.

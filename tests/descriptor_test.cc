@@ -100,4 +100,10 @@ TEST(SyncDirectory, TakesWhatCannotBeSyncedForDone) {
   EXPECT_EQ(errno, EBADF);
 }
 
+TEST(SyncDirectory, OfAFileThatIsNotThereFails) {
+  const support::TemporaryDirectory dir;
+  EXPECT_FALSE(qx::SyncDirectoryOf(dir.file("missing").c_str()));
+  EXPECT_EQ(errno, ENOENT);
+}
+
 }  // namespace

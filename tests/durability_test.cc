@@ -126,6 +126,23 @@ TEST_F(Durability, ADirectoryThatCannotBeSyncedIsNoFailure) {
   EXPECT_TRUE(WriteAttributes(dir_));
 }
 
+// One may write to a directory and not read it. All of the file system is then synced; what that says is of others too.
+TEST_F(Durability, ADirectoryThatCannotBeOpenedIsSyncedWithItsFileSystem) {
+  calls::no_directory = EACCES;
+  calls::syncfs_error = EIO;
+  EXPECT_TRUE(WriteTable(dir_));
+  EXPECT_EQ(calls::synced, (Synced{"file", "file system"}));
+  calls::synced.clear();
+  EXPECT_TRUE(ReplaceTable(dir_));
+  EXPECT_EQ(calls::synced, (Synced{"file", "file system"}));
+  calls::synced.clear();
+  EXPECT_TRUE(WriteHashDict(dir_));
+  EXPECT_EQ(calls::synced, (Synced{"file", "file system"}));
+  calls::synced.clear();
+  EXPECT_TRUE(WriteAttributes(dir_));
+  EXPECT_EQ(calls::synced, (Synced{"file", "file system", "file"}));
+}
+
 TEST_F(Durability, AnAttributeDictionaryWantsAName) {
   EXPECT_EQ(AttrDictBuild(dir_.path().c_str(), nullptr, FALSE), nullptr);
   EXPECT_EQ(errno, EINVAL);

@@ -27,7 +27,7 @@ using support::ImageOf;
 using support::KeySet;
 using support::Ledger;
 using support::Messages;
-using support::Numbers;
+using support::NumberWords;
 
 constexpr const char* kModule = "dict/hashdict";
 constexpr Id kNotFound = 0xFFFFFFFE;
@@ -38,7 +38,7 @@ struct Freed {
 using Built = std::unique_ptr<HashDict, Freed>;
 
 KeySet FirstNumbers(size_t count) {
-  return {{Numbers().begin(), Numbers().begin() + static_cast<ptrdiff_t>(count)}, {}, {}};
+  return {{NumberWords().begin(), NumberWords().begin() + static_cast<ptrdiff_t>(count)}, {}, {}};
 }
 
 // n keys of 1 to 20 bytes, any bytes, no two alike.
@@ -393,7 +393,7 @@ struct Fickle {
 
 TEST(HashDictBuildCalls, KeysThatChangeInOneAttemptCostThatAttempt) {
   // Longer than every key measured, in the first attempt: no vertices, so the graph does not come apart.
-  Fickle fickle{Numbers(), 1};
+  Fickle fickle{NumberWords(), 1};
   const Built hdict(fickle.Build(0));
   EXPECT_GT(fickle.calls, 2 * 19u);
   KeySet set = FirstNumbers(19);
@@ -444,7 +444,7 @@ TEST(HashDictBuildFromSlices, NoKeysNeedNoArrays) {
 }
 
 TEST(HashDictBuildFromSlices, AnEmptyKeyMayBeNull) {
-  const UByte* keys[] = {support::Bytes(Numbers()[1]), nullptr};
+  const UByte* keys[] = {support::Bytes(NumberWords()[1]), nullptr};
   const UShort lens[] = {4, 0};
   const Built hdict(HashDictBuildFromSlices(2, keys, lens, nullptr, 0, 8, FALSE));
   EXPECT_EQ(Find(hdict.get(), "eins"), 0u);

@@ -18,7 +18,7 @@
 namespace {
 
 using support::KeySet;
-using support::Numbers;
+using support::NumberWords;
 using support::Poke;
 
 constexpr size_t kHeader = 48;
@@ -205,7 +205,7 @@ TEST(HashDictCheck, AllocatesNothing) {
 }
 
 std::vector<std::string> ManyKeys() {
-  std::vector<std::string> keys = Numbers();
+  std::vector<std::string> keys = NumberWords();
   for (const char* key : {"n", "nnnnnnnnn", "zzzzzzzzz", "a", "siebenund", "\xFF\xFF\xFF", "abc"})
     keys.emplace_back(key);
   for (const size_t length : {size_t{10}, size_t{300}, size_t{65535}, size_t{65536}}) keys.emplace_back(length, 'n');

@@ -69,7 +69,7 @@ TEST(HashDictKeysDistinct, NoKeysAndOneKeyAreDistinct) {
 }
 
 TEST(HashDictKeysDistinct, DistinctKeysAre) {
-  EXPECT_EQ(EqualPair(support::Numbers()), kNone);
+  EXPECT_EQ(EqualPair(support::NumberWords()), kNone);
   for (const size_t n : {15u, 16u, 17u, 31u, 32u, 33u, 1000u, 100000u}) EXPECT_EQ(EqualPair(Distinct(n)), kNone) << n;
 }
 

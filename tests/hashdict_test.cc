@@ -28,7 +28,7 @@ namespace {
 using support::Find;
 using support::Guarded;
 using support::Ledger;
-using support::Numbers;
+using support::NumberWords;
 using support::Peek;
 using support::Poke;
 
@@ -60,7 +60,7 @@ class Opened {
 };
 
 void ExpectNumbers(const HashDict* hdict) {
-  for (Id i = 0; i < 19; i++) EXPECT_EQ(Find(hdict, Numbers()[i]), i) << Numbers()[i];
+  for (Id i = 0; i < 19; i++) EXPECT_EQ(Find(hdict, NumberWords()[i]), i) << NumberWords()[i];
 }
 
 struct ChannelClosed {
@@ -567,11 +567,11 @@ TEST(HashDictFind, FindsTheKeysOfEveryGoldenImage) {
   ExpectNumbers(probe3.get());
 
   Opened probe8(Golden("hashdict-probe8.dic"));
-  for (Id i = 0; i < 5; i++) EXPECT_EQ(probe8.Find(Numbers()[i]), i);
+  for (Id i = 0; i < 5; i++) EXPECT_EQ(probe8.Find(NumberWords()[i]), i);
 
   const Id squares[] = {0, 5, 20, 45, 80, 125, 180, 245, 320, 405, 500, 605, 720, 845, 980, 1125, 1280, 1445, 1620};
   Opened values(Golden("hashdict-values.dic"));
-  for (Id i = 0; i < 19; i++) EXPECT_EQ(values.Find(Numbers()[i]), squares[i]);
+  for (Id i = 0; i < 19; i++) EXPECT_EQ(values.Find(NumberWords()[i]), squares[i]);
 
   Opened values32(Golden("hashdict-values32.dic"));
   EXPECT_EQ(values32.Find("null"), 0u);
@@ -698,7 +698,7 @@ TEST(HashDictFind, EveryByteOfANarrowProbeCodeCounts) {
       std::string damaged = image;
       damaged[codes + i * 3 + j] = static_cast<char>(damaged[codes + i * 3 + j] ^ 0x10);
       Opened opened(damaged);
-      for (Id k = 0; k < 19; k++) EXPECT_EQ(opened.Find(Numbers()[k]), k == i ? kNotFound : k);
+      for (Id k = 0; k < 19; k++) EXPECT_EQ(opened.Find(NumberWords()[k]), k == i ? kNotFound : k);
     }
   }
 }
@@ -784,7 +784,7 @@ TEST(HashDictFindMany, GivesWhatSingleLookUpsGiveHoweverMany) {
     Opened opened(Golden(name));
     for (const size_t count : {1u, 2u, 31u, 32u, 33u, 63u, 64u, 65u, 200u}) {
       std::vector<std::string> keys;
-      for (size_t i = 0; i < count; i++) keys.push_back(i % 4 == 3 ? std::to_string(i) : Numbers()[i * 7 % 19]);
+      for (size_t i = 0; i < count; i++) keys.push_back(i % 4 == 3 ? std::to_string(i) : NumberWords()[i * 7 % 19]);
       ExpectManyAsSingle(opened.get(), keys);
     }
   }
@@ -794,7 +794,7 @@ TEST(HashDictFindMany, OfADictionaryThatIsNotSoundToo) {
   std::string image = Golden("hashdict-probe3.dic");
   Poke<UShort>(&image, kMaxLength, 1000);  // more coefficients than there are
   Opened uncovered(image);
-  ExpectManyAsSingle(uncovered.get(), Numbers());
+  ExpectManyAsSingle(uncovered.get(), NumberWords());
   EXPECT_EQ(FindMany(uncovered.get(), {"zwei", "x"}), (std::vector<Id>{2, kNotFound}));
   // A coefficient that keeps its vertex within the graph, though it is too large: rank 9 ("n") at position 0.
   image = Golden("hashdict-plain.dic");
@@ -882,17 +882,17 @@ TEST(HashDictDamaged, AProbeCodeThatIsMissingOrTooWideMatchesNoKey) {
   std::string image = Golden("hashdict-probe3.dic");
   Poke<ULong>(&image, kProbeSize, 0);
   Opened missing(image);
-  for (const std::string& key : Numbers()) EXPECT_EQ(missing.Find(key), kNotFound);
+  for (const std::string& key : NumberWords()) EXPECT_EQ(missing.Find(key), kNotFound);
 
   Poke<ULong>(&image, kProbeSize, 18 * 3 + 2);
   Opened cut(image);
-  for (Id i = 0; i < 19; i++) EXPECT_EQ(cut.Find(Numbers()[i]), i < 18 ? i : kNotFound);
+  for (Id i = 0; i < 19; i++) EXPECT_EQ(cut.Find(NumberWords()[i]), i < 18 ? i : kNotFound);
 
   for (const UShort probe : std::initializer_list<UShort>{9, 64, 65535}) {
     std::string wide = Golden("hashdict-probe3.dic");
     Poke<UShort>(&wide, kProbe, probe);
     Opened opened(wide);
-    for (const std::string& key : Numbers()) EXPECT_EQ(opened.Find(key), kNotFound) << probe;
+    for (const std::string& key : NumberWords()) EXPECT_EQ(opened.Find(key), kNotFound) << probe;
   }
 }
 
@@ -916,7 +916,7 @@ TEST(HashDictDamaged, TheCheckedWayGivesTheSameAnswers) {
     EXPECT_TRUE(rc::check([&](const std::string& key) {
       RC_ASSERT(slow.Find(key) == fast.Find(key));
       const std::string foreign =
-          Numbers()[key.size() % 19].substr(0, 5) + Numbers()[key.size() / 19 % 19].substr(0, 4);
+          NumberWords()[key.size() % 19].substr(0, 5) + NumberWords()[key.size() / 19 % 19].substr(0, 4);
       RC_ASSERT(slow.Find(foreign) == fast.Find(foreign));
     }));
   }
@@ -924,7 +924,7 @@ TEST(HashDictDamaged, TheCheckedWayGivesTheSameAnswers) {
 
 // Keys that reach every position, and some that no dictionary here has.
 std::vector<std::string> ManyKeys() {
-  std::vector<std::string> keys = Numbers();
+  std::vector<std::string> keys = NumberWords();
   for (const char* key : {"n", "nnnnnnnnn", "zzzzzzzzz", "a", "siebenund", "\xFF\xFF\xFF", "abc"})
     keys.emplace_back(key);
   for (const size_t length : {size_t{10}, size_t{300}, size_t{65535}}) keys.emplace_back(length, 'n');

@@ -64,7 +64,7 @@ namespace {
 
 using support::KeySet;
 using support::Ledger;
-using support::Numbers;
+using support::NumberWords;
 using support::Peek;
 using support::Poke;
 
@@ -300,7 +300,7 @@ TEST(HashDictMMWrite, WhatIsWrittenIsReadAgain) {
   for (int i = 0; i < 2; i++) {
     HashDict* hdict = nullptr;
     ASSERT_TRUE(HashDictMMRead(&hdict, base, &from, base + mapping.size()));
-    for (Id n = 0; n < 19; n++) EXPECT_EQ(support::Find(hdict, Numbers()[n]), n);
+    for (Id n = 0; n < 19; n++) EXPECT_EQ(support::Find(hdict, NumberWords()[n]), n);
     HashDictMMFree(hdict);
   }
   EXPECT_EQ(from, base + mapping.size());
@@ -354,13 +354,13 @@ TEST_F(HashDictWriteTest, ReplacesALongerFile) {
 }
 
 TEST_F(HashDictWriteTest, WhatIsBuiltIsWrittenAndOpenedAgain) {
-  KeySet set{Numbers(), {}, {}};
+  KeySet set{NumberWords(), {}, {}};
   HashDict* built = set.Build(4);
   EXPECT_TRUE(HashDictWrite(built, dir(), "numbers", nullptr, FALSE));
   HashDictFree(built);
   HashDict* hdict = HashDictOpen(dir(), "numbers", nullptr);
   ASSERT_NE(hdict, nullptr);
-  for (Id n = 0; n < 19; n++) EXPECT_EQ(support::Find(hdict, Numbers()[n]), n);
+  for (Id n = 0; n < 19; n++) EXPECT_EQ(support::Find(hdict, NumberWords()[n]), n);
   EXPECT_EQ(support::Find(hdict, "hundert"), 0xFFFFFFFEu);
   HashDictClose(hdict);
 }

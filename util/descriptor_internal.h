@@ -76,16 +76,29 @@ inline int OpenDirectoryOf(const char* path) {
   return directory;
 }
 
-// Makes the names in a directory stable. Some file systems cannot do that, and say so: nothing is left to do there.
-inline bool SyncDirectory(int directory) { return fsync(directory) == 0 || errno == EINVAL || errno == EROFS; }
+// Makes the names in a directory stable. Some file systems cannot do that, and say so: all of such a one is synced, and
+// what that says counts for nothing, since it may be of any other file.
+inline bool SyncDirectory(int directory) {
+  if (fsync(directory) == 0) return true;
+  if (errno != EINVAL && errno != EROFS) return false;
+  syncfs(directory);
+  return true;
+}
 
-// Makes the name of a file stable. A directory that cannot be read cannot be synced either.
+// Makes the name of a file that is there stable. Where its directory cannot be opened, as one that may be written but
+// not read, all of the file system is synced.
 inline bool SyncDirectoryOf(const char* path) {
   const int directory = OpenDirectoryOf(path);
-  if (directory < 0) return true;
-  const bool synced = SyncDirectory(directory);
-  CloseKeepingErrno(directory);
-  return synced;
+  if (directory >= 0) {
+    const bool synced = SyncDirectory(directory);
+    CloseKeepingErrno(directory);
+    return synced;
+  }
+  const int file = OpenDescriptor(path, O_RDONLY);
+  if (file < 0) return false;
+  syncfs(file);
+  CloseKeepingErrno(file);
+  return true;
 }
 
 }  // namespace qx

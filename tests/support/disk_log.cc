@@ -23,7 +23,7 @@ constexpr size_t kBlock = 4096;
 
 // One thing done. Files are told apart by number: a name may come to mean another file.
 struct Event {
-  enum class Kind { kCreate, kEmpty, kWrite, kSyncFile, kSyncNames, kRename, kExchange, kUnlink } kind;
+  enum class Kind { kCreate, kEmpty, kWrite, kSyncFile, kSyncNames, kSyncAll, kRename, kExchange, kUnlink } kind;
   int file = 0;
   std::string name = {}, new_name = {};
   size_t offset = 0;
@@ -37,7 +37,7 @@ struct Log {
   std::mutex mutex;
   bool on = false;
   std::string directory;
-  Names first_names;
+  Names first_names;  // that are synced
   Files first_files;
   std::vector<Event> events;
 
@@ -91,10 +91,14 @@ void NoteWritten(int fd, size_t offset, const char* bytes, size_t count) {
   log.events.push_back({Event::Kind::kWrite, file->second, {}, {}, offset, std::string(bytes, count)});
 }
 
-void NoteSynced(int fd) {
+void NoteSynced(int fd, bool all) {
   Log& log = TheLog();
   const Lock lock(log.mutex);
   if (!log.on) return;
+  if (all) {
+    log.events.push_back({Event::Kind::kSyncAll});
+    return;
+  }
   if (log.directories.count(fd) != 0) log.events.push_back({Event::Kind::kSyncNames});
   const auto file = log.descriptors.find(fd);
   if (file != log.descriptors.end()) log.events.push_back({Event::Kind::kSyncFile, file->second});
@@ -145,29 +149,88 @@ void Put(const Event& write, std::string* bytes) {
   bytes->replace(write.offset, write.bytes.size(), write.bytes);
 }
 
-// What is left of a file whose bytes were `synced` and then became `now`.
-std::string Left(const std::string& synced, const std::string& now, Unsynced unsynced, std::mt19937* random) {
-  if (synced == now || unsynced == Unsynced::kKept) return now;
-  if (unsynced == Unsynced::kDropped) return synced;
+// A file of the disk.
+struct File {
+  std::string synced, now;
+  std::set<size_t> touched;  // blocks, since it was synced
+
+  void Touch(size_t from, size_t to) {
+    for (size_t block = from / kBlock; block * kBlock < to; block++) touched.insert(block);
+  }
+  void Sync() {
+    synced = now;
+    touched.clear();
+  }
+};
+
+// What is left of a file.
+std::string Left(const File& file, Unsynced unsynced, std::mt19937* random) {
+  if (unsynced == Unsynced::kKept) return file.now;
+  if (unsynced == Unsynced::kDropped) return file.synced;
   const bool any = unsynced == Unsynced::kAnyOfThem;
-  std::string left = any && (*random)() % 4 == 0 ? std::string(synced.size(), '\0') : std::string(now.size(), '\0');
+  std::string left(any && (*random)() % 4 == 0 ? file.synced.size() : file.now.size(), '\0');
   for (size_t at = 0; at < left.size(); at += kBlock) {
-    const auto block = [at](const std::string& bytes) { return at < bytes.size() ? bytes.substr(at, kBlock) : ""; };
-    const std::string written = block(now), old = block(synced);
-    std::string kept = written == old ? old : "";
-    if (any && written != old) {
-      const auto way = (*random)() % 3;
-      if (way != 0) kept = way == 1 ? written : old;
-    }
-    kept.resize(std::min(kBlock, left.size() - at), '\0');
+    const bool touched = file.touched.count(at / kBlock) != 0;
+    const auto way = touched && any ? (*random)() % 3 : 0;
+    if (touched && way == 0) continue;
+    const std::string& from = way == 1 ? file.now : file.synced;
+    if (at >= from.size()) continue;
+    const std::string kept = from.substr(at, std::min(kBlock, left.size() - at));
     left.replace(at, kept.size(), kept);
   }
   return left;
 }
 
+// The disk behind some events: its names as they are synced, and what was done to them since.
+struct Disk {
+  Names names;
+  std::vector<Event> unsynced_names;
+  std::map<int, File> files;
+
+  void SyncNames() {
+    for (const Event& event : unsynced_names) Apply(event, &names);
+    unsynced_names.clear();
+  }
+
+  void Do(const Event& event) {
+    switch (event.kind) {
+      case Event::Kind::kEmpty: {
+        File& file = files[event.file];
+        file.Touch(0, file.now.size());
+        file.now.clear();
+        break;
+      }
+      case Event::Kind::kWrite:
+        files[event.file].Touch(event.offset, event.offset + event.bytes.size());
+        Put(event, &files[event.file].now);
+        break;
+      case Event::Kind::kSyncFile:
+        files[event.file].Sync();
+        break;
+      case Event::Kind::kSyncAll:
+        for (auto& [number, file] : files) file.Sync();
+        SyncNames();
+        break;
+      case Event::Kind::kSyncNames:
+        SyncNames();
+        break;
+      default:
+        unsynced_names.push_back(event);
+    }
+  }
+};
+
+Disk DiskAfter(const Log& log, size_t count) {
+  Disk disk;
+  disk.names = log.first_names;
+  for (const auto& [number, bytes] : log.first_files) disk.files[number] = {bytes, bytes, {}};
+  for (size_t i = 0; i < count; i++) disk.Do(log.events[i]);
+  return disk;
+}
+
 }  // namespace
 
-DiskLog::DiskLog(const std::string& directory) {
+DiskLog::DiskLog(const std::string& directory, FirstNames first_names) {
   Log& log = TheLog();
   Names names;
   Files files;
@@ -181,10 +244,14 @@ DiskLog::DiskLog(const std::string& directory) {
   }
   const Lock lock(log.mutex);
   log.directory = directory;
-  log.first_names = log.names = names;
+  log.names = names;
+  log.first_names = first_names == FirstNames::kSynced ? names : Names();
   log.first_files = files;
   log.next_file = next;
   log.events.clear();
+  if (first_names == FirstNames::kUnsynced) {
+    for (const auto& [name, file] : names) log.events.push_back({Event::Kind::kCreate, file, name});
+  }
   log.descriptors.clear();
   log.directories.clear();
   log.on = true;
@@ -200,8 +267,8 @@ void DiskLog::Stop() {
 size_t DiskLog::events() const { return TheLog().events.size(); }
 
 std::string DiskLog::Describe(size_t event) const {
-  static constexpr const char* kKinds[] = {"create",     "empty",  "write",    "sync file",
-                                           "sync names", "rename", "exchange", "unlink"};
+  static constexpr const char* kKinds[] = {"create",   "empty",  "write",    "sync file", "sync names",
+                                           "sync all", "rename", "exchange", "unlink"};
   const Event& e = TheLog().events[event];
   std::ostringstream text;
   text << kKinds[static_cast<int>(e.kind)] << " file " << e.file << " " << e.name << " " << e.new_name << " "
@@ -209,39 +276,17 @@ std::string DiskLog::Describe(size_t event) const {
   return text.str();
 }
 
-std::map<std::string, std::string> DiskLog::After(size_t count, Unsynced unsynced, std::mt19937* random) const {
-  const Log& log = TheLog();
-  Names synced_names = log.first_names;
-  std::vector<Event> lost_names;  // what was done to names since they were synced
-  Files synced = log.first_files;
-  Files now = log.first_files;
-  for (size_t i = 0; i < count; i++) {
-    const Event& event = log.events[i];
-    switch (event.kind) {
-      case Event::Kind::kEmpty:
-        now[event.file].clear();
-        break;
-      case Event::Kind::kWrite:
-        Put(event, &now[event.file]);
-        break;
-      case Event::Kind::kSyncFile:
-        synced[event.file] = now[event.file];
-        break;
-      case Event::Kind::kSyncNames:
-        for (const Event& lost : lost_names) Apply(lost, &synced_names);
-        lost_names.clear();
-        break;
-      default:
-        lost_names.push_back(event);
-    }
+size_t DiskLog::UnsyncedNames(size_t count) const { return DiskAfter(TheLog(), count).unsynced_names.size(); }
+
+std::map<std::string, std::string> DiskLog::After(size_t count, Unsynced unsynced, size_t names,
+                                                  std::mt19937* random) const {
+  Disk disk = DiskAfter(TheLog(), count);
+  for (size_t i = 0; i < disk.unsynced_names.size(); i++) {
+    if ((names >> i & 1) != 0) Apply(disk.unsynced_names[i], &disk.names);
   }
-  for (const Event& lost : lost_names) {
-    const bool kept = unsynced == Unsynced::kAnyOfThem ? (*random)() % 2 == 0 : unsynced != Unsynced::kDropped;
-    if (kept) Apply(lost, &synced_names);
-  }
-  std::map<std::string, std::string> files;
-  for (const auto& [name, file] : synced_names) files[name] = Left(synced[file], now[file], unsynced, random);
-  return files;
+  std::map<std::string, std::string> left;
+  for (const auto& [name, file] : disk.names) left[name] = Left(disk.files[file], unsynced, random);
+  return left;
 }
 
 }  // namespace support
@@ -274,7 +319,19 @@ ssize_t write(int fd, const void* buffer, size_t count) {
 
 int fsync(int fd) {
   const int result = static_cast<int>(syscall(SYS_fsync, fd));
-  if (result == 0) NoteSynced(fd);
+  if (result == 0) NoteSynced(fd, false);
+  return result;
+}
+
+int fdatasync(int fd) {
+  const int result = static_cast<int>(syscall(SYS_fdatasync, fd));
+  if (result == 0) NoteSynced(fd, false);
+  return result;
+}
+
+int syncfs(int fd) noexcept {
+  const int result = static_cast<int>(syscall(SYS_syncfs, fd));
+  if (result == 0) NoteSynced(fd, true);
   return result;
 }
 

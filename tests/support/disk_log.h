@@ -14,13 +14,16 @@
 
 namespace support {
 
-// What becomes of blocks and names that were not synced.
+// What becomes of blocks of 4 KiB that were not synced.
 enum class Unsynced { kKept, kDropped, kZeroed, kAnyOfThem };
+
+// Whether the names that are in a directory at the start are synced; the contents of the files are.
+enum class FirstNames { kSynced, kUnsynced };
 
 class DiskLog {
  public:
-  // Writes down what is done in a directory from here on. What is in it is taken to be synced. One at a time.
-  explicit DiskLog(const std::string& directory);
+  // Writes down what is done in a directory from here on. One at a time.
+  explicit DiskLog(const std::string& directory, FirstNames names = FirstNames::kSynced);
   ~DiskLog();
   DiskLog(const DiskLog&) = delete;
   DiskLog& operator=(const DiskLog&) = delete;
@@ -31,8 +34,12 @@ class DiskLog {
   size_t events() const;
   std::string Describe(size_t event) const;
 
-  // The files, by name, that the disk may hold when the power fails behind the first `count` events.
-  std::map<std::string, std::string> After(size_t count, Unsynced unsynced, std::mt19937* random) const;
+  // How many changes of names are not synced behind the first `count` events.
+  size_t UnsyncedNames(size_t count) const;
+
+  // The files, by name, that the disk may hold when the power fails behind the first `count` events. Of the changes of
+  // names that are not synced those are kept that have their bit in `names`, in their order.
+  std::map<std::string, std::string> After(size_t count, Unsynced unsynced, size_t names, std::mt19937* random) const;
 };
 
 }  // namespace support

@@ -33,7 +33,7 @@ inline const std::vector<std::string>& SoundImages() {
       made.push_back(ImageOf(hdict));
       HashDictFree(hdict);
     };
-    KeySet numbers{Numbers(), {}, {}}, empty, empty_key{{""}, {}, {}}, long_keys;
+    KeySet numbers{NumberWords(), {}, {}}, empty, empty_key{{""}, {}, {}}, long_keys;
     for (Id i = 0; i < 19; i++) numbers.values.push_back(i * 226050910);
     for (char byte = 'a'; byte < 'e'; byte++) long_keys.keys.emplace_back(300, byte);
     add(empty.Build());
@@ -139,7 +139,7 @@ class StringChannel {
 
 inline const std::vector<std::string>& KeysToFind() {
   static const std::vector<std::string> keys = [] {
-    std::vector<std::string> made = Numbers();
+    std::vector<std::string> made = NumberWords();
     for (const char* key : {"n", "zz", "siebenund", "\xFF", "aaaa"}) made.emplace_back(key);
     for (const size_t length : {size_t{9}, size_t{10}, size_t{299}, size_t{300}, size_t{301}, size_t{65536}}) {
       made.emplace_back(length, 'n');

@@ -7,17 +7,16 @@
 #include <vector>
 
 #include "dict/hashdict.h"
+#include "support/keys.h"
 
 namespace support {
-
-inline const UByte* Bytes(const std::string& text) { return reinterpret_cast<const UByte*>(text.data()); }
 
 inline Id Find(const HashDict* hdict, const std::string& key) {
   return HashDictFind(hdict, Bytes(key), static_cast<UInt>(key.size()));
 }
 
 // The keys of most golden images. One of them is empty.
-inline const std::vector<std::string>& Numbers() {
+inline const std::vector<std::string>& NumberWords() {
   static const std::vector<std::string> numbers = {
       "null",    "eins", "zwei", "drei",         "vier", "f\xC3\xBCnf", "sechs",    "sieben",          "acht",
       "neun",    "zehn", "elf",  "zw\xC3\xB6lf", "",     "dreizehn",    "vierzehn", "f\xC3\xBCnfzehn", "sechzehn",

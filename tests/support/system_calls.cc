@@ -1,11 +1,13 @@
 #include "support/system_calls.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 
 namespace support::calls {
 
@@ -15,11 +17,12 @@ int fsync_error = 0;
 int fsync_from = 0;
 int syncfs_error = 0;
 int close_error = 0;
+int no_directory = 0;
 std::vector<std::string> synced;
 
 void Reset() {
   reads = writes = Plan{};
-  fsync_error = fsync_from = syncfs_error = close_error = 0;
+  fsync_error = fsync_from = syncfs_error = close_error = no_directory = 0;
   synced.clear();
 }
 
@@ -53,6 +56,21 @@ ssize_t Planned(Plan& plan, long number, int fd, uintptr_t buffer, size_t count)
 using namespace support::calls;
 
 extern "C" {
+
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  if (no_directory != 0 && (flags & O_DIRECTORY) != 0 && (flags & O_PATH) == 0) {
+    errno = no_directory;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, reinterpret_cast<uintptr_t>(path), flags, mode));
+}
 
 ssize_t read(int fd, void* buffer, size_t count) {
   return Planned(reads, SYS_read, fd, reinterpret_cast<uintptr_t>(buffer), count);

@@ -1,5 +1,5 @@
 // System calls that fail, stop short or are interrupted where a test says so. Link system_calls.cc into the test: its
-// read, write, fsync, syncfs and close stand before the C library's, for the libraries under test too.
+// open, read, write, fsync, syncfs and close stand before the C library's, for the libraries under test too.
 #ifndef TESTS_SUPPORT_SYSTEM_CALLS_H
 #define TESTS_SUPPORT_SYSTEM_CALLS_H
 
@@ -27,6 +27,7 @@ extern int fsync_error;   // what fsync fails with; 0: it does not
 extern int fsync_from;    // counted from 0: the first fsync that fails
 extern int syncfs_error;  // what syncfs fails with
 extern int close_error;   // what close fails with after it has closed
+extern int no_directory;  // what the opening of a directory fails with
 
 // What was synced since Reset, in order: "file", "directory", "file system".
 extern std::vector<std::string> synced;
