@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -72,6 +74,42 @@ void Probes(const std::string& list) {
   }
 }
 
+// What the probe codes of each width let through when all keys, known and foreign, are of one kind: a code is the key's
+// number in base 257 modulo a power of 256, and keys that are alike have codes that are.
+template <typename Fill>
+void ProbesOfAKind(const char* kind, size_t length, Fill fill) {
+  constexpr size_t kKnown = 1000000;
+  constexpr size_t kAsked = 100000000;
+  std::mt19937_64 random(3);
+  std::set<std::string> known;
+  for (std::string key(length, ' '); known.size() < kKnown; known.insert(key)) fill(random(), &key);
+  const std::vector<std::string> keys(known.begin(), known.end());
+  for (UByte probe = 1; probe <= 4; probe++) {
+    const qx::Dict dict = qx::Dict::Build(keys, {.probe = probe});
+    size_t passed = 0;
+    std::string key(length, ' ');
+    for (size_t n = 0; n < kAsked; n++) {
+      fill(random(), &key);
+      passed += dict.Find(key).has_value() && !known.contains(key);
+    }
+    std::printf("%-20s %d %10zu of %zu: one in %.0f\n", kind, probe, passed, kAsked,
+                static_cast<double>(kAsked) / static_cast<double>(std::max<size_t>(passed, 1)));
+  }
+}
+
+void Kinds() {
+  std::printf("\nprobe codes, a million keys of one kind\n");
+  ProbesOfAKind("10 digits", 10, [](ULong bits, std::string* key) {
+    bits %= 10000000000;
+    for (char& c : *key) c = static_cast<char>('0' + bits % 10), bits /= 10;
+  });
+  ProbesOfAKind("8 small letters", 8, [](ULong bits, std::string* key) {
+    bits %= 208827064576;  // 26 to the 8th
+    for (char& c : *key) c = static_cast<char>('a' + bits % 26), bits /= 26;
+  });
+  ProbesOfAKind("8 random bytes", 8, [](ULong bits, std::string* key) { std::memcpy(key->data(), &bits, 8); });
+}
+
 void Growth() {
   std::printf("\n%u keys of 10 bytes into a table, values of 8 bytes\nfactor  ns a key  capacity at the end  growths\n",
               kKeys);
@@ -103,5 +141,6 @@ void Growth() {
 
 int main(int argc, char** argv) {
   Probes(argc > 1 ? argv[1] : "/usr/share/dict/american-english-insane");
+  Kinds();
   Growth();
 }

@@ -1228,6 +1228,7 @@ struct CacheOptions {
   double gc_low_threshold = 8.0;
   double gc_high_threshold = 16.0;
   std::chrono::milliseconds generation = std::chrono::minutes(1);
+  UInt policy = 0; /**< `QX_CACHE_NEWEST_WINS`, `QX_CACHE_KEEP_PAGES`, `QX_CACHE_TRUE_AGE`, added up */
 };
 
 /**
@@ -1238,24 +1239,27 @@ class ObjectCache {
  public:
   /** Throws `std::invalid_argument` for parameters that cannot work, and where memory cannot be had. */
   explicit ObjectCache(ULong bytes, const CacheOptions& options = {})
-      : cache_(QXCacheNewWithParams(options.region_pages, options.page_size, options.safety_threshold,
+      : cache_(QXCacheNewWithPolicy(options.region_pages, options.page_size, options.safety_threshold,
                                     options.gc_low_threshold, options.gc_high_threshold,
-                                    static_cast<UInt>(options.generation.count()), bytes)) {
+                                    static_cast<UInt>(options.generation.count()), bytes, options.policy)) {
     if (cache_ == nullptr) throw std::invalid_argument("qxdict: no such cache can be made");
   }
 
-  /** Stores a value until a time; false when the cache has no room just now. */
-  bool Store(const std::string& key, Bytes value, std::chrono::system_clock::time_point expires) {
+  /**
+   * Stores a value until a time; false when the cache has no room just now. An older value of the key is then still
+   * there, and fetched as before.
+   */
+  [[nodiscard]] bool Store(const std::string& key, Bytes value, std::chrono::system_clock::time_point expires) {
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(expires.time_since_epoch());
     return StoreUntil(key, value, static_cast<ULong>(std::max<std::int64_t>(milliseconds.count(), 0)));
   }
   /** Stores a value for so long. */
-  bool Store(const std::string& key, Bytes value, std::chrono::milliseconds keep) {
+  [[nodiscard]] bool Store(const std::string& key, Bytes value, std::chrono::milliseconds keep) {
     return StoreUntil(key, value,
                       GetCurrentTimeMilliseconds() + static_cast<ULong>(std::max<std::int64_t>(keep.count(), 0)));
   }
   /** Stores a value that does not expire. */
-  bool Store(const std::string& key, Bytes value) { return StoreUntil(key, value, ~ULong{0}); }
+  [[nodiscard]] bool Store(const std::string& key, Bytes value) { return StoreUntil(key, value, ~ULong{0}); }
 
   /** A copy of the value. */
   std::optional<std::string> Fetch(const std::string& key) {
@@ -1279,6 +1283,11 @@ class ObjectCache {
     const UInt room = static_cast<UInt>(std::min<size_t>(buffer.size(), std::numeric_limits<UInt>::max()));
     const bool copied = QXCacheGetStatic(cache_.get(), text, buffer.data(), room, &size) != FALSE;
     return !copied && size == 0 ? std::nullopt : std::optional<UInt>(size);
+  }
+
+  /** Forgets a key for good; whether it had a value. */
+  bool Remove(const std::string& key) {
+    return QXCacheRemove(cache_.get(), reinterpret_cast<const UByte*>(key.c_str())) != FALSE;
   }
 
   struct Fill {

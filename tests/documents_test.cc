@@ -109,6 +109,28 @@ TEST(Formats, WorkedExamplesAreTheGoldenFiles) {
 }
 
 // Names in backticks that look like a file of this tree.
+// `Suite.Name` or `Suite.*`, as docs/trust.md names the tests that hold a promise.
+TEST(Documents, EveryTestThatIsNamedIsThere) {
+  std::set<std::string> tests;
+  static const std::regex defined(R"(\nT(?:YPED_T)?EST(?:_F|_P)?\((\w+), (\w+)\))");
+  for (const fs::directory_entry& entry : fs::directory_iterator(QX_SOURCE_DIR "/tests")) {
+    if (entry.path().extension() != ".cc") continue;
+    const std::string text = support::ReadFile(entry.path().string());
+    for (std::sregex_iterator match(text.begin(), text.end(), defined), end; match != end; ++match) {
+      tests.insert((*match)[1].str() + "." + (*match)[2].str());
+      tests.insert((*match)[1].str() + ".*");
+    }
+  }
+  static const std::regex named(R"(`([A-Z]\w+\.(?:\w+|\*))`)");
+  const std::string text = Document("docs/trust.md");
+  size_t names = 0;
+  for (std::sregex_iterator match(text.begin(), text.end(), named), end; match != end; ++match) {
+    names++;
+    EXPECT_EQ(tests.count((*match)[1]), 1u) << (*match)[1];
+  }
+  EXPECT_GT(names, 100u);
+}
+
 TEST(Documents, EveryFileThatIsNamedIsThere) {
   static const std::regex named(
       R"(`((?:bench|cmake|dict|docs|examples|fuzz|qxlib|script|tests|tools|util|\.ci|\.github)/[A-Za-z0-9_./-]+)`)");

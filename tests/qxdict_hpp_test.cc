@@ -649,7 +649,7 @@ TEST(HppCache, StoresAndFetches) {
 
 TEST(HppCache, FetchesIntoABuffer) {
   qx::ObjectCache cache(16 << 20);
-  cache.Store("key", "value");
+  ASSERT_TRUE(cache.Store("key", "value"));
   std::vector<UByte> buffer(5);
   EXPECT_EQ(cache.FetchInto("key", buffer), 5u);
   EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "value");
@@ -659,7 +659,17 @@ TEST(HppCache, FetchesIntoABuffer) {
   EXPECT_EQ(cache.FetchInto("absent", buffer), std::nullopt);
 }
 
+TEST(HppCache, RemovesForGood) {
+  qx::ObjectCache cache(16 << 20, {.policy = QX_CACHE_NEWEST_WINS});
+  ASSERT_TRUE(cache.Store("key", "old"));
+  ASSERT_TRUE(cache.Store("key", "new"));
+  EXPECT_TRUE(cache.Remove("key"));
+  EXPECT_EQ(cache.Fetch("key"), std::nullopt);
+  EXPECT_FALSE(cache.Remove("key"));
+}
+
 TEST(HppCache, ParametersThatCannotWorkThrow) {
+  EXPECT_THROW(qx::ObjectCache(1 << 20, {.policy = 8}), std::invalid_argument);
   EXPECT_THROW(qx::ObjectCache(1 << 20, {.page_size = 7}), std::invalid_argument);
 }
 
@@ -670,7 +680,7 @@ TEST(HppCache, ServesManyThreads) {
     threads.emplace_back([&cache, t] {
       for (int i = 0; i < 200; i++) {
         const std::string key = std::to_string(t) + ":" + std::to_string(i);
-        cache.Store(key, key);
+        EXPECT_TRUE(cache.Store(key, key));
         const std::optional<std::string> value = cache.Fetch(key);
         EXPECT_EQ(value.value_or(key), key);
       }
