@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "support/descriptors.h"
 #include "support/files.h"
@@ -574,6 +576,37 @@ TEST_F(ChannelDevice, ThatClaimsMoreThanItWasAskedForFails) {
   EXPECT_EQ(ChannelFlush(f), FALSE);
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(ChannelClose(f), FALSE);
+}
+
+// A system call moves so many bytes at most. The device's stand for it, and look at nothing: of the memory there are
+// only addresses.
+TEST_F(ChannelDevice, FiveGibibytesAreMovedInPieces) {
+  static constexpr size_t kMostOfACall = 2147479552;
+  constexpr size_t kCount = size_t{5} << 30;
+  void* const memory = mmap(nullptr, kCount, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  struct Calls {
+    std::vector<size_t> asked;
+    ssize_t Take(size_t count) {
+      asked.push_back(count);
+      return static_cast<ssize_t>(std::min(count, kMostOfACall));
+    }
+  } moved;
+  const ChannelVirtual operations = {
+      [](void*, size_t count, void* arg) { return static_cast<Calls*>(arg)->Take(count); },
+      [](const void*, size_t count, void* arg) { return static_cast<Calls*>(arg)->Take(count); },
+      nullptr,
+      nullptr,
+      nullptr,
+      &moved};
+  Channel* f = Over(&operations);
+  EXPECT_EQ(ChannelReadBuf(f, memory, kCount, 0), 0);
+  EXPECT_EQ(moved.asked, (std::vector<size_t>{5368709120, 3221229568, 1073750016}));
+  moved.asked.clear();
+  EXPECT_EQ(ChannelWriteBuf(f, memory, kCount), TRUE);
+  EXPECT_EQ(moved.asked, (std::vector<size_t>{5368709120, 3221229568, 1073750016}));
+  EXPECT_EQ(ChannelClose(f), TRUE);
+  munmap(memory, kCount);
 }
 
 TEST_F(ChannelDevice, ThatTakesNothingForEverFails) {

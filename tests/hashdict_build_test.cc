@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <rapidcheck.h>
 #include <unistd.h>
 
@@ -205,6 +206,21 @@ TEST(HashDictBuild, TheSameKeysGiveTheSameImage) {
   srandom(12345);
   for (int i = 0; i < 100; i++) random();
   EXPECT_EQ(ImageOf(Built(set.Build(2)).get()), first);
+}
+
+TEST(HashDictBuild, GivesTheSameBytesWhateverMemoryHeldBefore) {
+  const auto image_after = [](unsigned char byte) {
+    mallopt(M_PERTURB, byte);  // fills what malloc gives out with the byte's complement
+    support::faults::FillBlocks(byte);
+    KeySet set = ManyKeys(3000);
+    std::string image = ImageOf(Built(set.Build(5)).get());
+    support::faults::FillBlocks(0);
+    mallopt(M_PERTURB, 0);
+    return image;
+  };
+  const std::string first = image_after(0x5A);
+  EXPECT_GT(first.size(), 3000u * 25);
+  EXPECT_EQ(image_after(0xA6), first);
 }
 
 TEST(HashDictBuild, StartsTheProcessWideGeneratorAfresh) {

@@ -363,6 +363,19 @@ TEST(HashTableWrite, HeapBytesThatWereNeverWrittenAreZero) {
   }
 }
 
+// The heap is written as it stands: what was cleared goes to the disk until something covers it.
+TEST(HashTableWrite, ClearedEntriesStayInTheFile) {
+  const TemporaryDirectory directory;
+  HashTablePtr table = New(5, 0);
+  Insert(table.get(), "a secret key");
+  HashTableClear(table.get());
+  ASSERT_TRUE(Write(table, directory.file("t")));
+  EXPECT_NE(ReadFile(directory.file("t")).find("a secret key"), std::string::npos);
+  Insert(table.get(), "another key!");
+  ASSERT_TRUE(Write(table, directory.file("t")));
+  EXPECT_EQ(ReadFile(directory.file("t")).find("secret"), std::string::npos);
+}
+
 TEST(HashTableRead, GivesBackTheGoldenFiles) {
   for (const Boolean vm : {FALSE, TRUE}) {
     HashTablePtr empty = Read(support::GoldenPath("hashtable_empty.ht"), vm);
