@@ -179,7 +179,8 @@ TYPED_TEST(ReplacedFile, IsOfOneGenerationToEveryReader) {
   close(ready[1]);
 }
 
-// Where a writer works in place, a mapped file that becomes shorter under its reader ends it.
+// Where a writer works in place, a mapped file that becomes shorter under its reader ends it, once it looks behind the
+// last page that there is.
 TEST(ReplacedFileDeathTest, AFileMadeShorterInPlaceEndsItsReader) {
   const TemporaryDirectory dir;
   Words::Replace(dir, 7);
@@ -187,7 +188,7 @@ TEST(ReplacedFileDeathTest, AFileMadeShorterInPlaceEndsItsReader) {
     support::Limit(RLIMIT_CORE, 0);
     const Words words(dir);
     if (words.Generation() != 7) _exit(1);
-    if (truncate(dir.file("words.dic").c_str(), 100) != 0) _exit(1);
+    if (truncate(dir.file("words.dic").c_str(), 4096) != 0) _exit(1);
     words.Generation();
     _exit(0);
   };
