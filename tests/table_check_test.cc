@@ -9,6 +9,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dict/hashdeltable.h"
@@ -61,6 +62,38 @@ TEST(HashTableCheck, PassesSoundTables) {
   EXPECT_EQ(Fault(table.get()), "");
   HashTableClear(table.get());
   EXPECT_EQ(Fault(table.get()), "");
+}
+
+// Wherever the entry lies that two slots name, and the one that none names for it.
+template <typename Table>
+void ExpectEveryTwinToBeSeen(Table* table, UInt* slots, UInt count) {
+  EXPECT_EQ(Fault(table), "");
+  UInt before = kEmpty;
+  UInt twins = 0;
+  for (UInt s = 0; s < count; s++) {
+    if (slots[s] == kEmpty) continue;
+    const UInt offset = std::exchange(slots[s], before == kEmpty ? slots[s] : before);
+    if (before != kEmpty) {
+      ASSERT_EQ(Fault(table), "two slots name the same entry") << s;
+      twins++;
+    }
+    slots[s] = offset;
+    before = offset;
+  }
+  EXPECT_EQ(twins, 699u);
+  EXPECT_EQ(Fault(table), "");
+}
+
+TEST(HashTableCheck, SeesEveryTwinInALargeTable) {
+  const HashTablePtr table(HashTableNew(1000, nullptr, nullptr, nullptr, 4, 0, FALSE));
+  for (int i = 0; i < 700; i++) support::Insert(table.get(), "key " + std::to_string(i));
+  ExpectEveryTwinToBeSeen(table.get(), table->t_entries, table->t_entries_size);
+}
+
+TEST(HashDelTableCheck, SeesEveryTwinInALargeTable) {
+  const HashDelTablePtr table(HashDelTableNew(1000, nullptr, nullptr, nullptr, 4, 0));
+  for (int i = 0; i < 700; i++) support::Insert(table.get(), "key " + std::to_string(i));
+  ExpectEveryTwinToBeSeen(table.get(), table->t_entries, table->t_nentries);
 }
 
 TEST(HashTableCheck, PassesTheLastEntryWithoutPaddingAndPaddingWithoutAnEntry) {
