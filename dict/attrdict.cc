@@ -36,9 +36,9 @@ constexpr const char* kIndexSuffix = "idx";
 constexpr const char* kDataSuffix = "dat";
 constexpr size_t kPathRoom = 4097;
 
-constexpr UInt kGroup = 4;                   // identifiers to an index word
-constexpr size_t kGroupSpan = kGroup * 256;  // the most bytes of their records
-constexpr ULong kMaxOffset = 0xFFFFFFFF;     // and the most bytes of data, so that each record's end is an offset, too
+constexpr UInt kGroup = 4;                           // identifiers to an index word
+constexpr size_t kGroupSpan = size_t{kGroup} * 256;  // the most bytes of their records
+constexpr ULong kMaxOffset = 0xFFFFFFFF;  // and the most bytes of data, so that each record's end is an offset, too
 constexpr size_t kOutside = ~size_t{0};
 
 static_assert(offsetof(AttrDict, a_idx) == 8 && offsetof(AttrDict, a_idx_size) == 16);
@@ -114,6 +114,7 @@ void WriteUInt(AttrDict* adict, UInt val) {
   std::memcpy(bytes.data(), &val, sizeof val);
   if (adict->a_swap) std::reverse(bytes.begin(), bytes.end());
   for (const UByte byte : bytes) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): a dictionary belongs to one thread while it is built
     if (putc_unlocked(byte, adict->a_idx_file) != EOF) continue;
     NoteWriteError(adict);
     if (!adict->a_swap) return;
@@ -307,6 +308,7 @@ void AttrDictAdd(AttrDict* adict, const UByte* bytes, UByte len) {
     return;
   }
   if (adict->a_size % kGroup == 0) WriteUInt(adict, adict->a_offset);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
   if (putc_unlocked(len, adict->a_dat_file) == EOF) NoteWriteError(adict);
   if (len != 0 && fwrite_unlocked(bytes, 1, len, adict->a_dat_file) != len) NoteWriteError(adict);
   adict->a_size++;

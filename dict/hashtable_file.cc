@@ -31,8 +31,8 @@ namespace {
 using namespace hashtable;
 
 constexpr size_t kHeaderSize = 37;
-constexpr size_t kPieceItems = 16777216;   // one read request: so many slots, or so many bytes of the heap
-constexpr size_t kFirstPiece = 64 * 1024;  // bytes taken for a block whose size only the file's header vouches for
+constexpr size_t kPieceItems = 16777216;  // one read request: so many slots, or so many bytes of the heap
+constexpr size_t kFirstPiece = 65536;     // bytes taken for a block whose size only the file's header vouches for
 
 template <typename Item>
 bool WriteItem(FILE* f, Item item) {

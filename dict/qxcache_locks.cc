@@ -89,7 +89,7 @@ void MutexUnlock(Mutex* mutex) {
   if (const int error = pthread_mutex_unlock(mutex); error != 0) {
     errno = error;
     std::perror("pthread_mutex_unlock failed");
-    std::exit(EXIT_FAILURE);
+    std::exit(EXIT_FAILURE);  // NOLINT(concurrency-mt-unsafe): nothing is destroyed at exit that threads use
   }
   Forget(mutex);
 }

@@ -296,7 +296,7 @@ void LoadEntry(typename F::Record* table, const std::string& line, const std::st
   }
   if (entry == nullptr) throw Trouble{where + ": the table cannot grow any more"};
   if (F::Count(*table).keys == before) throw Trouble{where + ": a key that was there before: " + Escaped(*key)};
-  std::memcpy(entry, value->data(), value->size());
+  std::copy(value->begin(), value->end(), entry);
 }
 
 template <class F>
