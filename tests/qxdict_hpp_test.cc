@@ -518,6 +518,17 @@ TYPED_TEST(HppMaps, PairsAreARange) {
   EXPECT_EQ(expected, 100u);
 }
 
+TYPED_TEST(HppMaps, PairsAreReachedByTheirPlaces) {
+  TypeParam map;
+  for (UInt i = 0; i < 10; i++) map.Insert(i, i * i);
+  const auto fifth = map.pairs().begin() + 5;
+  EXPECT_THAT(*fifth, Pair(5, 25));
+  EXPECT_THAT(fifth[2], Pair(7, 49));
+  EXPECT_THAT(fifth[-2], Pair(3, 9));
+  EXPECT_THAT(*(fifth - 1), Pair(4, 16));
+  EXPECT_EQ(map.pairs().end() - fifth, 5);
+}
+
 TYPED_TEST(HppMaps, NumberForNoneIsNeitherKeyNorValue) {
   TypeParam map;
   EXPECT_THROW(map.Insert(TypeParam::kNone, 1), std::invalid_argument);
