@@ -65,8 +65,8 @@ typedef UInt (*AttrDictEnumerateFunction)(UByte* bytes, UInt length, void* ptr);
  * @return the dictionary being built, which `AttrDictCommit` releases; null, with `errno`, when a file cannot be opened
  *         and, with ENAMETOOLONG, when a path is too long; EINVAL: `name` is null
  *
- * The index is opened first: when the data cannot be, the index is left behind, empty. Both files are close-on-exec,
- * and on none of the descriptors 0 to 2.
+ * The index is opened first: when the data cannot be, the index is left behind, empty, or both are. Both files are
+ * close-on-exec, and on none of the descriptors 0 to 2.
  */
 QX_API AttrDict* AttrDictBuild(const char* dir, const char* name, Boolean swap);
 
@@ -105,6 +105,10 @@ QX_API Boolean AttrDictCommit(AttrDict* adict);
  * @param name  the files are `<dir>/<name>.idx` and `<dir>/<name>.dat`
  * @return the dictionary, which `AttrDictClose` releases; null, with `errno`, when a file cannot be opened or mapped;
  *         with ENAMETOOLONG, when a path is too long; with ENODATA, when the index is empty
+ *
+ * The files must not be changed while they are open: other bytes make other strings, and a file that becomes shorter
+ * ends the process with a signal, SIGBUS. `AttrDictBuild` empties files in place; `AttrDictCommitAs` renames new ones
+ * over them, and who has the old ones open keeps them.
  *
  * Empty data are no failure: `a_dat` is then null. Nor is an index that makes no sense: `a_size` is its last four
  * bytes, or 0 when it has fewer. Cost: two mappings; nothing is read but the size.

@@ -122,8 +122,8 @@ QX_API void HashDictFree(HashDict* hdict);
  *         than its header says (EINVAL)
  *
  * A file that was mapped and then refused stays mapped. A mapped file must not be changed in any way while it is open:
- * other bytes can make look-ups read outside it, and a shorter file ends the process with a signal. `HashDictWrite`
- * writes in place; `HashDictReplace` renames a new file over the old one, which open handles keep.
+ * other bytes can make look-ups read outside it, and a shorter file ends the process with a signal, SIGBUS.
+ * `HashDictWrite` writes in place; `HashDictReplace` renames a new file over the old one, which open handles keep.
  * Cost: a mapping; the file is read as look-ups touch it.
  */
 QX_API HashDict* HashDictOpen(const char* dir, const char* name, const char* suffix);

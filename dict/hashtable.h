@@ -280,7 +280,8 @@ QX_API void HashTableClear(HashTable* table);
  * A process that dies here leaves neither the old file nor the new one, a power cut perhaps a file of the right length
  * with zeros or older bytes in it, which `HashTableCheck` refuses or calls safe to use: `HashTableReplace` does better.
  * The file holds the heap's unused bytes too, with what cleared entries left there. The descriptor is close-on-exec and
- * never one of 0 to 2. A file-size limit raises SIGXFSZ first: ignore the signal to get the error.
+ * never one of 0 to 2. A file-size limit raises SIGXFSZ first: ignore the signal to get the error. Where a file system
+ * lets a signal interrupt a write, EINTR is a failure as any other: use SA_RESTART.
  */
 QX_API Boolean HashTableWrite(const HashTable* table, const char* filename);
 

@@ -228,7 +228,51 @@ Disk DiskAfter(const Log& log, size_t count) {
   return disk;
 }
 
+// What calls there are, and which of them fail.
+struct CallPlan {
+  bool on = false;
+  int made = 0;
+  int after = 0, count = 0, error = 0;
+  bool interrupts = false;  // every other call of those that a signal can interrupt
+  bool interrupted = false;
+};
+CallPlan calls;
+
+// Whether the call that is about to be made on a descriptor fails. Sets errno then.
+bool Fails(int fd, bool interruptible) {
+  constexpr int kStandardStreams = 3;
+  if (fd >= 0 && fd < kStandardStreams) return false;
+  if (calls.interrupts && interruptible) {
+    calls.interrupted = !calls.interrupted;
+    if (calls.interrupted) errno = EINTR;
+    return calls.interrupted;
+  }
+  if (!calls.on) return false;
+  const int before = calls.made++;
+  if (before < calls.after || before - calls.after >= calls.count) return false;
+  errno = calls.error;
+  return true;
+}
+
+constexpr int kNoDescriptor = -1;  // of calls on names
+
 }  // namespace
+
+FailingCalls::FailingCalls(int after, int count, int error) {
+  calls = {};
+  calls.after = after;
+  calls.count = count;
+  calls.error = error;
+  calls.on = true;
+}
+FailingCalls::~FailingCalls() { calls = {}; }
+int FailingCalls::made() const { return calls.made; }
+
+InterruptedCalls::InterruptedCalls() {
+  calls = {};
+  calls.interrupts = true;
+}
+InterruptedCalls::~InterruptedCalls() { calls = {}; }
 
 DiskLog::DiskLog(const std::string& directory, FirstNames first_names) {
   Log& log = TheLog();
@@ -303,12 +347,14 @@ int open(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
+  if (Fails(kNoDescriptor, true)) return -1;
   const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
   NoteOpened(fd, path, flags);
   return fd;
 }
 
 ssize_t write(int fd, const void* buffer, size_t count) {
+  if (Fails(fd, true)) return -1;
   const off_t at = lseek(fd, 0, SEEK_CUR);
   const ssize_t moved = syscall(SYS_write, fd, buffer, count);
   if (moved > 0 && at >= 0) {
@@ -318,18 +364,21 @@ ssize_t write(int fd, const void* buffer, size_t count) {
 }
 
 int fsync(int fd) {
+  if (Fails(fd, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_fsync, fd));
   if (result == 0) NoteSynced(fd, false);
   return result;
 }
 
 int fdatasync(int fd) {
+  if (Fails(fd, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_fdatasync, fd));
   if (result == 0) NoteSynced(fd, false);
   return result;
 }
 
 int syncfs(int fd) noexcept {
+  if (Fails(fd, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_syncfs, fd));
   if (result == 0) NoteSynced(fd, true);
   return result;
@@ -337,16 +386,23 @@ int syncfs(int fd) noexcept {
 
 int close(int fd) {
   NoteClosed(fd);
-  return static_cast<int>(syscall(SYS_close, fd));
+  const int result = static_cast<int>(syscall(SYS_close, fd));
+  if (Fails(fd, true)) {
+    calls.interrupted = false;  // nobody closes twice
+    return -1;
+  }
+  return result;
 }
 
 int rename(const char* from, const char* to) noexcept {
+  if (Fails(kNoDescriptor, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
   if (result == 0) NoteNames({Event::Kind::kRename, 0, NameOf(from), NameOf(to)});
   return result;
 }
 
 int renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) noexcept {
+  if (Fails(kNoDescriptor, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_renameat2, from_directory, from, to_directory, to, flags));
   if (result == 0) {
     const Event::Kind kind = (flags & RENAME_EXCHANGE) != 0 ? Event::Kind::kExchange : Event::Kind::kRename;
@@ -356,6 +412,7 @@ int renameat2(int from_directory, const char* from, int to_directory, const char
 }
 
 int unlink(const char* path) noexcept {
+  if (Fails(kNoDescriptor, false)) return -1;
   const int result = static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, path, 0));
   if (result == 0) NoteNames({Event::Kind::kUnlink, 0, NameOf(path)});
   return result;
@@ -363,12 +420,20 @@ int unlink(const char* path) noexcept {
 
 // The C library's streams write by a way of their own, which cannot be seen. These write by the write above.
 FILE* fdopen(int fd, const char* mode) noexcept {
+  if (Fails(fd, false)) return nullptr;
   static const cookie_io_functions_t kFunctions = {
       [](void* cookie, char* buffer, size_t count) -> ssize_t {
         return read(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), buffer, count);
       },
       [](void* cookie, const char* buffer, size_t count) -> ssize_t {
-        return write(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), buffer, count);
+        size_t done = 0;  // goes on after a short write, as the C library's way does
+        while (done < count) {
+          const ssize_t moved =
+              write(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), buffer + done, count - done);
+          if (moved <= 0) break;
+          done += static_cast<size_t>(moved);
+        }
+        return static_cast<ssize_t>(done);
       },
       [](void* cookie, off64_t* offset, int whence) {
         *offset = lseek(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), *offset, whence);

@@ -4,6 +4,7 @@
 #ifndef TESTS_SUPPORT_WRITERS_H
 #define TESTS_SUPPORT_WRITERS_H
 
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -74,7 +75,9 @@ struct HashTableWriter {
       std::memcpy(value, &i, sizeof i);
     }
     const bool written = put(table, dir.file("table").c_str()) != FALSE;
+    const int error = errno;
     HashTableFree(table);
+    errno = error;
     return written;
   }
 
