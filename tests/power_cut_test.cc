@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <span>
@@ -62,6 +63,12 @@ std::string Use(const Files& files) {
   }
 }
 
+// So many random losses at each step; QX_POWER_CUT_MIXTURES sets another number.
+int Mixtures() {
+  const char* const wanted = std::getenv("QX_POWER_CUT_MIXTURES");
+  return wanted != nullptr ? std::atoi(wanted) : support::kSanitized ? 6 : 20;
+}
+
 // What a writer does to what was there before.
 struct InPlace {
   static constexpr bool kOldOrNew = false;
@@ -105,7 +112,7 @@ class PowerCut : public ::testing::Test {
           Look(log, count, unsynced, kept, old, strings);
         }
       }
-      for (int i = 0; i < kMixtures; i++) Look(log, count, Unsynced::kAnyOfThem, random_() % choices, old, strings);
+      for (int i = 0; i < Mixtures(); i++) Look(log, count, Unsynced::kAnyOfThem, random_() % choices, old, strings);
     }
     RecordProperty("directories", static_cast<int>(answers_.size()));
   }
@@ -113,8 +120,6 @@ class PowerCut : public ::testing::Test {
   int whole_ = 0, refused_ = 0;
 
  private:
-  static constexpr int kMixtures = support::kSanitized ? 6 : 20;
-
   void Look(const DiskLog& log, size_t count, Unsynced unsynced, size_t names, const Strings* old,
             const Strings& strings) {
     const auto& [is_new, is_old] = Ask(log.After(count, unsynced, names, &random_), old, strings);
