@@ -88,6 +88,15 @@ TEST(HashDictCheck, ARefusedImageIsNotSound) {
   }
 }
 
+TEST(HashDictCheck, ARecordWithoutFunctionValuesIsNotSound) {
+  const Opened whole(Golden("hashdict-plain.dic"));
+  HashDict record = *whole.get();
+  record.h_fun = nullptr;
+  const char* reason = nullptr;
+  EXPECT_FALSE(HashDictCheck(&record, &reason));
+  EXPECT_STREQ(reason, "image is shorter than its header says");
+}
+
 TEST(HashDictCheck, TheOppositeByteOrderIsNotSound) {
   EXPECT_EQ(Opened(Golden("hashdict-swapped.dic")).Fault(), "image is shorter than its header says");
 }

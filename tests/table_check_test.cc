@@ -127,6 +127,16 @@ TEST(HashTableCheck, PassesAnUnalignedTableFromAFile) {
   EXPECT_NE(support::Find(read.get(), "b"), nullptr);
 }
 
+TEST(HashTableCheck, NamesMissingBlocks) {
+  const HashTablePtr table = FourKeys();
+  HashTable forged = *table;
+  forged.t_entries = nullptr;
+  EXPECT_EQ(Fault(&forged), "there are too few slots");
+  forged = *table;
+  forged.t_data = nullptr;
+  EXPECT_EQ(Fault(&forged), "the heap in use is larger than the heap");
+}
+
 TEST(HashTableCheck, NamesEachKindOfDamage) {
   const struct {
     const char* reason;
@@ -308,6 +318,16 @@ TEST(HashDelTableCheck, PassesSoundTables) {
   EXPECT_EQ(Fault(table.get()), "");
   HashDelTableClear(table.get());
   EXPECT_EQ(Fault(table.get()), "");
+}
+
+TEST(HashDelTableCheck, NamesMissingBlocks) {
+  const HashDelTablePtr table = Tombstoned();
+  HashDelTable forged = *table;
+  forged.t_entries = nullptr;
+  EXPECT_EQ(Fault(&forged), "there are too few slots");
+  forged = *table;
+  forged.t_data = nullptr;
+  EXPECT_EQ(Fault(&forged), "the heap in use is larger than the heap");
 }
 
 TEST(HashDelTableCheck, NamesEachKindOfDamage) {
