@@ -118,6 +118,10 @@ void UseHashTable(Boolean vm) {
   MustHold(table, contents);
   HashTableGrow(table, 3, nullptr);
   MustHold(table, contents);
+  const UInt capacity = table->t_entries_capacity;
+  const bool reserved = HashTableReserve(table, 500, nullptr) != FALSE;
+  MUST(table->t_entries_capacity == (reserved ? 500 : capacity));
+  MustHold(table, contents);
 
   if (HashTable* copy = HashTableCopy(table); copy != nullptr) {
     MustHold(copy, contents);
@@ -136,7 +140,7 @@ void UseHashTable(Boolean vm) {
   MUST(seen == contents.size());
 
   const std::string path = directory->file("table");
-  if (HashTableWrite(table, path.c_str())) {
+  if (HashTableWrite(table, path.c_str()) && HashTableReplace(table, path.c_str())) {
     if (HashTable* read = HashTableRead(path.c_str(), nullptr, nullptr, nullptr, vm); read != nullptr) {
       MustHold(read, contents);
       HashTableFree(read);
@@ -162,6 +166,7 @@ void UseHashDelTable() {
     contents.erase(key);
   }
   Fill(table, 60, 100, &contents);
+  MUST(HashDelTableReserve(table, 500, nullptr));
   MustHold(table, contents);
 
   HashDelTable* copy = HashDelTableCopy(table);
@@ -197,10 +202,12 @@ void MustFindAll(const HashDict* hdict, const std::vector<std::string>& keys) {
 void UseHashDict() {
   std::vector<std::string> keys;
   for (UInt i = 0; i < 50; i++) keys.push_back(KeyOf(i));
+  MUST(HashDictKeysDistinct(50, &keys, DictKey, nullptr, nullptr));
   HashDict* built = HashDictBuild(50, &keys, DictKey, nullptr, 0, 1, FALSE);
   MustFindAll(built, keys);
   const char* dir = directory->path().c_str();
   MUST(HashDictWrite(built, dir, "keys", nullptr, FALSE));
+  MUST(HashDictReplace(built, dir, "keys", nullptr, FALSE));
   Channel* f = ChannelNew(-1, -1);
   const std::string record = directory->file("record");
   MUST(ChannelOpenFile(f, record.c_str(), "w") && HashDictFileWrite(built, f, FALSE));
@@ -222,10 +229,10 @@ void UseHashDict() {
 
 void UseAttrDict() {
   const char* dir = directory->path().c_str();
-  AttrDict* adict = AttrDictBuild(dir, "strings", FALSE);
+  AttrDict* adict = AttrDictBuild(dir, "strings.new", FALSE);
   MUST(adict != nullptr);
   for (UInt i = 0; i < 10; i++) AttrDictAdd(adict, Bytes("abcdefghij"), static_cast<UByte>(i));
-  MUST(AttrDictCommit(adict));
+  MUST(AttrDictCommitAs(adict, dir, "strings"));
   AttrDict* opened = AttrDictOpen(dir, "strings");
   MUST(opened != nullptr && AttrDictSize(opened) == 10 && AttrDictCheck(opened, nullptr));
   const UByte* bytes = nullptr;
