@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "dict/hashdict_internal.h"
+#include "dict/hashdict_kernel.h"
 
 namespace hashdict {
 namespace {
@@ -102,12 +102,63 @@ Id Answer(const HashDict& hdict, Id id, const UByte* bytes, UInt len) {
   return id;
 }
 
-Id FindSlow(const HashDict& hdict, const UByte* bytes, UInt len) {
+[[gnu::noinline]] Id FindSlow(const HashDict& hdict, const UByte* bytes, UInt len) {
   Id v0 = 0, v1 = 0, v2 = 0;
   if (!Hash(hdict, &v0, &v1, &v2, bytes, len)) return HASHDICT_NOT_FOUND;
   const Id id = FunGetWithin(hdict, v0) ^ FunGetWithin(hdict, v1) ^ FunGetWithin(hdict, v2);
   return Answer(hdict, id, bytes, len);
 }
+
+// The look-up in a sound dictionary.
+template <Watch kWatch>
+inline Id FindFast(const HashDict& hdict, const UByte* bytes, UInt len) {
+  Triple triple;
+  switch (HashFast<kWatch>(hdict, bytes, len, &triple)) {
+    case Hashed::kAbsent:
+      return HASHDICT_NOT_FOUND;
+    case Hashed::kDamaged:
+      return FindSlow(hdict, bytes, len);
+    case Hashed::kVertices:
+      break;
+  }
+  return Answer(hdict, Combine(hdict, triple), bytes, len);
+}
+
+// Many of them, kInFlight of which are between asking for memory and its use.
+template <Watch kWatch>
+inline void FindManyFast(const HashDict& hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids) {
+  constexpr UInt kInFlight = 32;
+  Triple vertices[kInFlight];
+  Hashed hashed[kInFlight];
+  for (UInt count; n > 0; n -= count, keys += count, lens += count, ids += count) {
+    count = std::min(n, kInFlight);
+    for (UInt i = 0; i < count; i++) {
+      if (n - count > i) __builtin_prefetch(keys[count + i]);
+      hashed[i] = HashFast<kWatch>(hdict, keys[i], lens[i], &vertices[i]);
+      if (hashed[i] == Hashed::kVertices) PrefetchFun(hdict, vertices[i]);
+    }
+    for (UInt i = 0; i < count; i++) {
+      ids[i] = hashed[i] == Hashed::kVertices  ? Combine(hdict, vertices[i])
+               : hashed[i] == Hashed::kDamaged ? FindSlow(hdict, keys[i], lens[i])
+                                               : HASHDICT_NOT_FOUND;
+      if (hdict.h_probe != 0 && ids[i] < hdict.h_nentries) {
+        __builtin_prefetch(hdict.h_probe_code + size_t{ids[i]} * hdict.h_probe);
+      }
+    }
+    for (UInt i = 0; i < count && hdict.h_probe != 0; i++) ids[i] = Answer(hdict, ids[i], keys[i], lens[i]);
+  }
+}
+
+#ifdef QX_HAS_AVX2_TARGET
+[[gnu::target("avx2"), gnu::flatten]] Id FindFastAvx2(const HashDict& hdict, const UByte* bytes, UInt len) {
+  return FindFast<Watch::kLargest>(hdict, bytes, len);
+}
+
+[[gnu::target("avx2"), gnu::flatten]] void FindManyFastAvx2(const HashDict& hdict, UInt n, const UByte* const* keys,
+                                                            const UInt* lens, Id* ids) {
+  FindManyFast<Watch::kLargest>(hdict, n, keys, lens, ids);
+}
+#endif
 
 // A channel's length prefix, through the channel's buffer.
 bool ReadLength(Channel* f, UInt* length) {
@@ -252,16 +303,11 @@ Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength, [[mayb
 Id HashDictFind(const HashDict* hdict, const UByte* bytes, UInt len) {
   QX_ASSERT_TEXT(hdict != nullptr, "hdict != ((void *)0)");
   if (!IsSound(*hdict)) return FindSlow(*hdict, bytes, len);
-  Triple triple;
-  switch (HashFast<false>(*hdict, bytes, len, &triple)) {
-    case Hashed::kAbsent:
-      return HASHDICT_NOT_FOUND;
-    case Hashed::kDamaged:
-      return FindSlow(*hdict, bytes, len);
-    case Hashed::kVertices:
-      break;
-  }
-  return Answer(*hdict, Combine(*hdict, triple), bytes, len);
+#ifdef QX_HAS_AVX2_TARGET
+  if (__builtin_cpu_supports("avx2")) [[likely]]
+    return FindFastAvx2(*hdict, bytes, len);
+#endif
+  return FindFast<Watch::kTopBits>(*hdict, bytes, len);
 }
 
 Id HashDictSize(const HashDict* hdict) { return hdict->h_nentries; }
@@ -300,24 +346,8 @@ void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, c
     for (UInt i = 0; i < n; i++) ids[i] = FindSlow(*hdict, keys[i], lens[i]);
     return;
   }
-  constexpr UInt kInFlight = 32;  // look-ups between asking for memory and its use
-  Triple vertices[kInFlight];
-  Hashed hashed[kInFlight];
-  for (UInt count; n > 0; n -= count, keys += count, lens += count, ids += count) {
-    count = std::min(n, kInFlight);
-    for (UInt i = 0; i < count; i++) {
-      if (n - count > i) __builtin_prefetch(keys[count + i]);
-      hashed[i] = HashFast<false>(*hdict, keys[i], lens[i], &vertices[i]);
-      if (hashed[i] == Hashed::kVertices) PrefetchFun(*hdict, vertices[i]);
-    }
-    for (UInt i = 0; i < count; i++) {
-      ids[i] = hashed[i] == Hashed::kVertices  ? Combine(*hdict, vertices[i])
-               : hashed[i] == Hashed::kDamaged ? FindSlow(*hdict, keys[i], lens[i])
-                                               : HASHDICT_NOT_FOUND;
-      if (hdict->h_probe != 0 && ids[i] < hdict->h_nentries) {
-        __builtin_prefetch(hdict->h_probe_code + size_t{ids[i]} * hdict->h_probe);
-      }
-    }
-    for (UInt i = 0; i < count && hdict->h_probe != 0; i++) ids[i] = Answer(*hdict, ids[i], keys[i], lens[i]);
-  }
+#ifdef QX_HAS_AVX2_TARGET
+  if (__builtin_cpu_supports("avx2")) return FindManyFastAvx2(*hdict, n, keys, lens, ids);
+#endif
+  FindManyFast<Watch::kTopBits>(*hdict, n, keys, lens, ids);
 }

@@ -13,6 +13,7 @@
 #include <cstdlib>
 
 #include "dict/hashdict_graph.h"
+#include "dict/hashdict_kernel.h"
 #include "dict/huge_pages.h"
 
 namespace hashdict {
@@ -36,6 +37,14 @@ void RankBytes(HashDict* hdict) {
   }
 }
 
+// An array of coefficients, and four bytes behind it that a look-up may load; none when every key is empty.
+void CoefficientsNew(HashDict* hdict) {
+  const ULong count = ULong{hdict->h_maxlen} * hdict->h_nchars * 3;
+  if (count == 0) return;
+  hdict->h_coef = static_cast<Id*>(ArrayNew(count + 1, 0xFFFFFFFF, nullptr, nullptr));
+  hdict->h_coef_size = (count + 1) / 2 * sizeof(ULong);
+}
+
 HashDict* HashDictInit(Id nentries, void* dict, DictKeyFun key, ULong maxvalue, UByte probe, Boolean verbose) {
   auto* hdict = static_cast<HashDict*>(Allocate_(sizeof(HashDict), nullptr, kModule, __LINE__));
   *hdict = HashDict{};
@@ -54,8 +63,7 @@ HashDict* HashDictInit(Id nentries, void* dict, DictKeyFun key, ULong maxvalue, 
     hdict->h_maxlen = std::max(hdict->h_maxlen, length);
   }
   RankBytes(hdict);
-  hdict->h_coef = static_cast<Id*>(
-      ArrayNew(ULong{hdict->h_maxlen} * hdict->h_nchars * 3, 0xFFFFFFFF, nullptr, &hdict->h_coef_size));
+  CoefficientsNew(hdict);
 
   QX_ASSERT(probe <= 8);
   hdict->h_probe = probe;
@@ -88,7 +96,7 @@ void GraphBuild(Graph* graph, HashDict* hdict, void* dict, DictKeyFun key, Boole
       QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
       // A key that is not the one that was measured has no vertices: its edge hangs on vertex 0, where none is removed.
       graph->g_node[e] = Triple{};
-      HashFast<true>(*hdict, bytes, length, &graph->g_node[e]);
+      HashFast<Watch::kNothing>(*hdict, bytes, length, &graph->g_node[e]);
       GraphPrefetchEdge(*graph, e);
       if (e > kAhead) GraphAddEdge(graph, e - kAhead);
     }
@@ -142,7 +150,7 @@ void HashDictProbe(HashDict* hdict, void* dict, DictKeyFun key, DictValFun val) 
     UShort length = 0;
     const UByte* bytes = GetKey(dict, key, idx, &length);
     QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
-    pending.hashed = HashFast<true>(*hdict, bytes, length, &pending.triple) == Hashed::kVertices;
+    pending.hashed = HashFast<Watch::kNothing>(*hdict, bytes, length, &pending.triple) == Hashed::kVertices;
     if (pending.hashed) PrefetchFun(*hdict, pending.triple);
     if (hdict->h_probe > 0) ProbeSet(hdict, idx, ProbeValue(bytes, length));
     pending.expected = val != nullptr ? val(dict, idx) : idx;

@@ -1,4 +1,4 @@
-// The graph behind the perfect-hash dictionary: the order in which it comes apart.
+// The graph behind the perfect-hash dictionary: the order in which it comes apart; and what a look-up computes.
 
 #include "dict/hashdict_graph.h"
 
@@ -6,8 +6,10 @@
 #include <rapidcheck.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "dict/hashdict_kernel.h"
 #include "support/death.h"
 #include "support/hashdict_model.h"
 
@@ -187,6 +189,74 @@ TEST(HashDictPacked, AnArraysWidthIsThatOfItsLargestValue) {
   size_t size = 1;
   EXPECT_EQ(hashdict::ArrayNew(0, 255, nullptr, &size), nullptr);
   EXPECT_EQ(size, 0u);
+}
+
+using hashdict::Hashed;
+using hashdict::Watch;
+
+// The look-ups of this processor take one way to notice damage; here both are asked, and the one without.
+constexpr Id kDamaged = 0xDDDDDDDD;
+constexpr Id kAbsent = 0xAAAAAAAA;
+
+template <Watch kWatch>
+Id FindBy(const HashDict& hdict, const std::string& key) {
+  hashdict::Triple triple;
+  const auto len = static_cast<UInt>(key.size());
+  switch (hashdict::HashFast<kWatch>(hdict, support::Bytes(key), len, &triple)) {
+    case Hashed::kAbsent:
+      return kAbsent;
+    case Hashed::kDamaged:
+      return kDamaged;
+    case Hashed::kVertices:
+      break;
+  }
+  return hashdict::Combine(hdict, triple);
+}
+
+TEST(HashDictKernel, KeysOfEveryLengthHaveTheirNumbersHoweverDamageIsWatched) {
+  support::KeySet set;
+  for (size_t length = 0; length <= 40; length++) {
+    set.keys.push_back(std::string(length, 'a'));
+    if (length == 0) continue;
+    set.keys.push_back(std::string(length - 1, 'a') + 'b');
+    if (length > 1) set.keys.push_back('b' + std::string(length - 1, 'a'));
+  }
+  HashDict* hdict = set.Build();
+  for (Id idx = 0; idx < set.keys.size(); idx++) {
+    EXPECT_EQ(FindBy<Watch::kNothing>(*hdict, set.keys[idx]), idx) << set.keys[idx];
+    EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, set.keys[idx]), idx) << set.keys[idx];
+    EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, set.keys[idx]), idx) << set.keys[idx];
+  }
+  for (const size_t length : {1u, 3u, 4u, 7u, 8u, 9u, 15u, 16u, 17u, 40u}) {
+    for (size_t at = 0; at < length; at++) {
+      std::string key(length, 'a');
+      key[at] = 'c';
+      EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, key), kAbsent) << key;
+      EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, key), kAbsent) << key;
+    }
+  }
+  EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, std::string(41, 'a')), kAbsent);
+  HashDictFree(hdict);
+}
+
+TEST(HashDictKernel, ACoefficientOutOfRangeIsNoticedAtEveryPositionOfEveryLength) {
+  support::KeySet set;
+  for (size_t length = 0; length <= 20; length++) set.keys.push_back(std::string(length, 'a'));
+  HashDict* hdict = set.Build();
+  ASSERT_EQ(hdict->h_size, 31u);
+  for (const Id bad : {31u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+    for (size_t at = 0; at < 20 * 3; at++) {
+      const Id good = hdict->h_coef[at];
+      hdict->h_coef[at] = bad;
+      for (Id length = 0; length <= 20; length++) {
+        const Id expected = length > at / 3 ? kDamaged : length;
+        EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, set.keys[length]), expected) << at << ' ' << bad;
+        EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, set.keys[length]), expected) << at << ' ' << bad;
+      }
+      hdict->h_coef[at] = good;
+    }
+  }
+  HashDictFree(hdict);
 }
 
 TEST(HashDictProbeValue, IsTheKeyInBase257) {
