@@ -44,6 +44,10 @@ function(qx_shared_library name)
     POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON CXX_EXTENSIONS OFF)
   target_compile_options(${name}_objects PRIVATE -fno-exceptions -fno-rtti -fno-semantic-interposition)
+  if(QXDICT_PROFILE)
+    target_compile_options(${name}_objects PRIVATE -fprofile-${QXDICT_PROFILE} -fprofile-update=atomic
+      $<$<STREQUAL:${QXDICT_PROFILE},use>:-fprofile-correction -Wno-missing-profile -Wno-coverage-mismatch>)
+  endif()
   target_include_directories(${name}_objects PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
   target_link_libraries(${name}_objects PUBLIC ${arg_LINK} PRIVATE qx_warnings qx_instrumentation)
 
@@ -51,6 +55,9 @@ function(qx_shared_library name)
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:${name}_objects> qx_instrumentation PUBLIC ${arg_LINK})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/qxdict>)
+  if(QXDICT_PROFILE STREQUAL "generate")
+    target_link_options(${name} PRIVATE -fprofile-generate)
+  endif()
   set(exports "${CMAKE_CURRENT_SOURCE_DIR}/lib${name}.map")
   # Never unloaded: a cache's collector may be running in its code when a program closes the library.
   target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now,-z,nodelete "-Wl,--version-script=${exports}")

@@ -5,7 +5,7 @@
 //   block: [ CacheBlock ][ key text ][ 0 ][ value ][ pad to 8 ]            b_next: the block behind, null in the last
 //
 // Nothing is ever freed or moved here: a store appends, and a value that is stored over stays in its page. Whatever
-// needs no lock (fingerprint, place of the block, the time of a store) is worked out before one is taken.
+// needs no lock (fingerprint, clock, place of the block) is worked out before one is taken.
 
 #include "dict/qxcache.h"
 
@@ -80,10 +80,8 @@ Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Visit vi
   CacheBlock* const block = BlockAt(reinterpret_cast<UByte*>(entry.address));
   __builtin_prefetch(page, 1);
   PrefetchBlock(block);
+  const ULong now = GetCurrentTimeMilliseconds();  // while both are on their way
   const Lock page_lock(&page->p_mutex, LockRank::kPage);
-  // Read once, for expiry and access alike: not before the lock, so that no access is recorded behind a later one, and
-  // before the block, which is still on its way from memory meanwhile.
-  const ULong now = GetCurrentTimeMilliseconds();
   if (!StillNames(cache, key, entry)) return Look::kMoved;
   if (entry.FromFront() && block->b_key != key) return Look::kStranger;
   if (!HasKey(block, key, text)) return Look::kForeign;
@@ -116,10 +114,11 @@ Boolean UseBlock(Cache* cache, FPrint key, KeyText text, Use use) {
   const bool there = VisitBlock(cache, key, text, [&](CacheBlock* block, ULong now) {
     expired = now >= block->b_expires;
     if (expired) return;
-    // Asking for a value is using it, also when it does not fit: the caller comes back with a larger buffer.
+    // Asking for a value is using it, also when it does not fit: the caller comes back with a larger buffer. The clock
+    // is read before the value is: it waits for all that is on its way from memory.
     old_time = block->b_accessed;
-    new_time = now;
-    block->b_accessed = now;
+    new_time = GetCurrentTimeMilliseconds();
+    block->b_accessed = new_time;
     result = use(KeyBytes(block) + text.size(), block->b_size - text.size());
   });
   const bool found = there && !expired;
