@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,8 @@
 
 namespace duel {
 namespace {
+
+clockid_t clock_used = CLOCK_MONOTONIC;
 
 size_t ResidentBytes() {
   std::FILE* f = std::fopen("/proc/self/statm", "re");
@@ -85,6 +88,12 @@ Sheet::Sheet() {
   // What the parent has freed counts as resident and would be taken first: growth would not show.
   malloc_trim(0);
   resident_at_start_ = ResidentBytes();
+}
+
+double Sheet::Now() {
+  timespec now = {};
+  clock_gettime(clock_used, &now);
+  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
 void Sheet::BytesPerKey(size_t keys) {
@@ -167,11 +176,13 @@ int Main(int argc, char** argv, const char* family, const std::function<void(Due
       sizes.clear();
       std::stringstream list(argv[++i]);
       for (std::string item; std::getline(list, item, ',');) sizes.push_back(std::strtoull(item.c_str(), nullptr, 10));
+    } else if (option == "--cpu") {
+      clock_used = CLOCK_PROCESS_CPUTIME_ID;
     } else if (option == "--csv" && i + 1 < argc) {
       csv = std::fopen(argv[++i], "ae");
       if (csv == nullptr) Fail(std::string("cannot write ") + argv[i]);
     } else {
-      std::fprintf(stderr, "usage: %s [--rounds N] [--sizes N,N,...] [--csv FILE]\n", argv[0]);
+      std::fprintf(stderr, "usage: %s [--rounds N] [--sizes N,N,...] [--cpu] [--csv FILE]\n", argv[0]);
       return 2;
     }
   }

@@ -19,7 +19,6 @@
 #ifndef BENCH_SUPPORT_DUEL_H
 #define BENCH_SUPPORT_DUEL_H
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -45,11 +44,9 @@ class Sheet {
   // Times `work`, which does `operations` operations and returns a checksum of their results.
   template <typename Work>
   void Time(const char* part, size_t operations, Work work) {
-    const auto start = std::chrono::steady_clock::now();
+    const double start = Now();
     const uint64_t checksum = work();
-    const auto end = std::chrono::steady_clock::now();
-    const double nanoseconds = std::chrono::duration<double, std::nano>(end - start).count();
-    Add(part, nanoseconds / static_cast<double>(operations), checksum, true);
+    Add(part, (Now() - start) / static_cast<double>(operations), checksum, true);
   }
 
   // A plain figure: a hit ratio, a height; printed with the medians, not compared by checksum.
@@ -61,6 +58,7 @@ class Sheet {
   const std::vector<Entry>& entries() const { return entries_; }
 
  private:
+  static double Now();  // nanoseconds
   void Add(const char* part, double value, uint64_t checksum, bool timed);
 
   size_t resident_at_start_;
@@ -84,8 +82,9 @@ class Duel {
   std::vector<Contender> contenders_;
 };
 
-// Options: --rounds N (default 7), --sizes N,N,... (default `sizes`), --csv FILE (appends the medians, a line for each:
-// family, keys, part, unit, contender, value). Calls `fill` once a size to add the contenders.
+// Options: --rounds N (default 7), --sizes N,N,... (default `sizes`), --cpu (the process's processor time in place of
+// the clock on the wall: for one thread on a busy machine), --csv FILE (appends the medians, a line for each: family,
+// keys, part, unit, contender, value). Calls `fill` once a size to add the contenders.
 int Main(int argc, char** argv, const char* family, const std::function<void(Duel&, size_t)>& fill,
          std::vector<size_t> sizes = {10000, 1000000});
 
