@@ -22,6 +22,11 @@ if(QXDICT_COVERAGE)
   # Threads count too: without atomic counters some of them turn negative.
   target_compile_options(qx_instrumentation INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(qx_instrumentation INTERFACE --coverage)
+  # The children of death tests count too.
+  add_library(qx_coverage_end OBJECT ${PROJECT_SOURCE_DIR}/tests/support/coverage_end.cc)
+  set_target_properties(qx_coverage_end PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_compile_features(qx_coverage_end PRIVATE cxx_std_20)
+  target_link_libraries(qx_coverage_end PRIVATE qx_warnings)
 endif()
 
 # Assertions are behaviour: no build type may define NDEBUG.
@@ -62,6 +67,9 @@ function(qx_shared_library name)
   # Never unloaded: a cache's collector may be running in its code when a program closes the library.
   target_link_options(${name} PRIVATE -Wl,-z,defs,-z,relro,-z,now,-z,nodelete "-Wl,--version-script=${exports}")
   set_target_properties(${name} PROPERTIES LINK_DEPENDS "${exports}")
+  if(QXDICT_COVERAGE)
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:qx_coverage_end>)
+  endif()
   if(QXDICT_SANITIZE)
     # clang leaves the sanitizer runtime to the executable.
     target_link_options(${name} PRIVATE -Wl,-z,undefs)
