@@ -36,7 +36,6 @@ class Numbers {
       const Id number = static_cast<Id>(places_[at]) - 1;
       if ((places_[at] ^ mark) >> 32 == 0 && equal(number)) return number;
     }
-    // cppcheck-suppress constStatement ; it does not see the assignment
     places_[at] = mark | (ULong{idx} + 1);
     return none;
   }
