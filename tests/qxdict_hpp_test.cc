@@ -5,11 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <list>
 #include <map>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -109,6 +111,17 @@ TEST(HppDict, ExceptionOfTheKeyFunctionIsThrownAgain) {
 TEST(HppDict, FindsEqualKeys) {
   EXPECT_EQ(qx::Dict::FindEqual(std::vector<std::string>{"a", "b", "c"}), std::nullopt);
   EXPECT_THAT(qx::Dict::FindEqual(std::vector<std::string>{"a", "b", "c", "b", "a"}), Optional(Pair(1, 3)));
+}
+
+TEST(HppDict, AFileThatCannotBeReplacedThrows) {
+  const qx::Dict dict = qx::Dict::Build(std::vector<std::string>{"k"});
+  try {
+    dict.Replace("/nonexistent", "d");
+    FAIL() << "nothing was thrown";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), ENOENT);
+    EXPECT_NE(std::string(error.what()).find("cannot replace /nonexistent/d.dic"), std::string::npos) << error.what();
+  }
 }
 
 TEST(HppDict, TellsDamage) {
