@@ -101,7 +101,7 @@ typedef Id (*DictValFun)(void* dict, Id idx);
  * Two equal keys can never be told apart: the build then goes on for ever. It reports "hdict: cannot generate" once,
  * after attempt 1000, and goes on. `HashDictKeysDistinct` finds such keys beforehand.
  *
- * Memory: beside the dictionary about 26 bytes a key while building. Probe codes are stored in an array of
+ * Memory: beside the dictionary about 25 bytes a key while building. Probe codes are stored in an array of
  * probe * probe bytes a key, of which the first `probe` bytes a key are used. Time: a pass over the keys for sizing,
  * one or two (few keys: more) for attempts, and one for probe codes or the check of values.
  */

@@ -90,17 +90,19 @@ void GraphBuild(Graph* graph, HashDict* hdict, void* dict, DictKeyFun key, Boole
     if (verbose && attempts > 0) QX_MESSAGE(qx::kProgress, FALSE, "hdict: retry %d", static_cast<int>(attempts));
     DrawCoefficients(hdict);
     GraphClear(graph);
-    for (Id e = 1; e <= nentries; e++) {
+    Triple ring[kAhead];
+    for (ULong i = 0; i < ULong{nentries} + kAhead; i++) {
+      Triple& vertices = ring[i % kAhead];
+      if (i >= kAhead) GraphAddEdge(graph, static_cast<Id>(i - kAhead + 1), vertices);
+      if (i >= nentries) continue;
       UShort length = 0;
-      const UByte* bytes = GetKey(dict, key, e - 1, &length);
+      const UByte* bytes = GetKey(dict, key, static_cast<Id>(i), &length);
       QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
       // A key that is not the one that was measured has no vertices: its edge hangs on vertex 0, where none is removed.
-      graph->g_node[e] = Triple{};
-      HashFast<Watch::kNothing>(*hdict, bytes, length, &graph->g_node[e]);
-      GraphPrefetchEdge(*graph, e);
-      if (e > kAhead) GraphAddEdge(graph, e - kAhead);
+      vertices = Triple{};
+      HashFast<Watch::kNothing>(*hdict, bytes, length, &vertices);
+      GraphPrefetchEdge(*graph, vertices);
     }
-    for (Id e = nentries > kAhead ? nentries - kAhead + 1 : 1; e <= nentries; e++) GraphAddEdge(graph, e);
     // Nothing is given up: with distinct keys an attempt succeeds some day, and the caller was told.
     if (++attempts == kMaxAttempts + 1) QX_MESSAGE(qx::kFailure, FALSE, "hdict: cannot generate");
     if (GraphPeel(graph)) break;

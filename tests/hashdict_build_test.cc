@@ -609,7 +609,7 @@ TEST_F(HashDictBuildDeathTest, AValueMustFitItsWidth) {
 
 TEST_F(HashDictBuildDeathTest, StorageMustBeThere) {
   KeySet set = FirstNumbers(4);
-  for (int nth = 0; nth < 8; nth++) {
+  for (int nth = 0; nth < 7; nth++) {
     EXPECT_ASSERTION(
         {
           support::faults::FailAnonArray(nth);

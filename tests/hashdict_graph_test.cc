@@ -30,18 +30,21 @@ GraphPtr Make(const std::vector<ModelTriple>& edges, Id vertices) {
   GraphPtr graph(hashdict::GraphNew(static_cast<Id>(edges.size()), vertices));
   hashdict::GraphClear(graph.get());
   for (Id e = 1; e <= edges.size(); e++) {
-    for (size_t k = 0; k < 3; k++) graph->g_node[e].v[k] = edges[e - 1][k];
-    hashdict::GraphAddEdge(graph.get(), e);
+    hashdict::GraphAddEdge(graph.get(), e, {{edges[e - 1][0], edges[e - 1][1], edges[e - 1][2]}});
   }
   return graph;
 }
 
-std::vector<Id> Removed(const Graph& graph) { return {graph.g_edge, graph.g_edge + graph.g_edge_top}; }
+std::vector<Id> Removed(const Graph& graph) {
+  std::vector<Id> edges;
+  for (Id i = 0; i < graph.g_peeled_top; i++) edges.push_back(graph.g_vertex[graph.g_peeled[i]].Edge());
+  return edges;
+}
 
 TEST(HashDictGraph, NoEdgesComeApart) {
   const GraphPtr graph = Make({}, 5);
   EXPECT_TRUE(hashdict::GraphPeel(graph.get()));
-  EXPECT_EQ(graph->g_edge_top, 0u);
+  EXPECT_EQ(graph->g_peeled_top, 0u);
 }
 
 TEST(HashDictGraph, WhatAnEdgeFreesGoesDepthFirst) {
@@ -112,17 +115,16 @@ TEST(HashDictGraph, TheStackGrowsWithTheChain) {
   EXPECT_TRUE(hashdict::GraphPeel(graph.get()));
   EXPECT_EQ(graph->g_state_allocated, 8192u);
   EXPECT_TRUE(Removed(*graph) == model.order());
-  EXPECT_EQ(graph->g_edge[0], 1u);
-  EXPECT_EQ(graph->g_edge[kEdges - 1], kEdges);
+  EXPECT_EQ(Removed(*graph).front(), 1u);
+  EXPECT_EQ(Removed(*graph).back(), kEdges);
 }
 
 TEST(HashDictGraph, CanBeFilledAgain) {
   const GraphPtr graph = Make({{1, 2, 3}, {1, 2, 3}}, 5);
   EXPECT_FALSE(hashdict::GraphPeel(graph.get()));
   hashdict::GraphClear(graph.get());
-  graph->g_node[2] = {{2, 4, 5}};
-  hashdict::GraphAddEdge(graph.get(), 1);
-  hashdict::GraphAddEdge(graph.get(), 2);
+  hashdict::GraphAddEdge(graph.get(), 1, {{1, 2, 3}});
+  hashdict::GraphAddEdge(graph.get(), 2, {{2, 4, 5}});
   EXPECT_TRUE(hashdict::GraphPeel(graph.get()));
   EXPECT_EQ(Removed(*graph), (std::vector<Id>{1, 2}));
 }
@@ -132,13 +134,13 @@ using HashDictGraphDeathTest = ::testing::Test;
 TEST_F(HashDictGraphDeathTest, RemovalStartsWithAnEmptyStack) {
   const GraphPtr graph = Make({{1, 2, 3}}, 5);
   graph->g_state_top = 1;
-  EXPECT_ASSERTION(hashdict::DeleteAllEdges(graph.get(), 1, 1), kModule, "DeleteAllEdges", "graph->g_state_top == 0");
+  EXPECT_ASSERTION(hashdict::DeleteAllEdges(graph.get(), 1), kModule, "DeleteAllEdges", "graph->g_state_top == 0");
 }
 
 TEST_F(HashDictGraphDeathTest, AnEdgeIsRemovedOnce) {
   const GraphPtr graph = Make({{1, 2, 3}}, 5);
-  hashdict::DeleteAllEdges(graph.get(), 1, 1);
-  EXPECT_ASSERTION(hashdict::DeleteAllEdges(graph.get(), 1, 1), kModule, "DeleteAllEdges", "StatusGet(graph, e) == 0");
+  hashdict::DeleteAllEdges(graph.get(), 1);
+  EXPECT_ASSERTION(hashdict::DeleteAllEdges(graph.get(), 1), kModule, "DeleteAllEdges", "StatusGet(graph, e) == 0");
 }
 
 TEST(HashDictPacked, EntriesOfEveryWidthKeepToThemselves) {
