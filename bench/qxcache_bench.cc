@@ -2,9 +2,11 @@
 // sharded LRU cache, and what many write for themselves, a mutex around a hash map with a list in LRU order.
 //
 // Everybody copies values in and copies them out again, as ours does. The peers hold as many bytes of keys and values
-// as ours has memory. "hit" fetches keys that are all there, "mix" is 95 fetches to 5 stores of keys that are there.
-// "small" is a cache with memory for a quarter of the keys: a miss is followed by a store, with an expiry where there
-// is one, and what counts is how often a key was found. The size is the number of keys.
+// as ours has memory. "fill" stores new keys. "hit" fetches keys that are all there, in another order than that of the
+// stores, "mix" is 95 fetches to 5 stores of keys that are there. "steady store" goes on storing in a full cache, so
+// that for each value an older one must go; ours may refuse. "small" is a cache with memory for a quarter of the keys:
+// a miss is followed by a store, with an expiry where there is one, and what counts is how often a key was found. The
+// size is the number of keys.
 
 #include <leveldb/cache.h>
 #include <rocksdb/cache.h>
@@ -153,7 +155,9 @@ class MutexMap {
 
 struct Input {
   std::vector<std::string> keys;
+  std::vector<uint32_t> store_order;          // a fetch in the order of the stores would walk the allocator's blocks
   std::vector<std::vector<uint32_t>> orders;  // one a thread
+  std::vector<std::string> steady_keys;       // four times those that the steady cache has room for
   std::vector<char> bytes;                    // values are cut out of these
   const char* Value(size_t key) const { return bytes.data() + key % 1024 * 8; }
 };
@@ -186,25 +190,33 @@ std::vector<unsigned> ThreadCounts() {
   return counts;
 }
 
+// How often few keys are gone over, so that starting a thread, and the first touch of all, do not show.
+size_t Passes(size_t keys) { return std::max<size_t>(1, 100000 / keys); }
+
+// Fewer where there are stores among the fetches: the memory is to hold them all.
+size_t MixPasses(size_t keys) { return std::min<size_t>(5, Passes(keys)); }
+
 template <typename Contender>
-uint64_t StoreAll(Contender& cache, const Input& input, const std::vector<uint32_t>& order, size_t size) {
+uint64_t StoreAll(Contender& cache, const Input& input, size_t size) {
   uint64_t stored = 0;
-  for (const uint32_t key : order) stored += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
+  for (const uint32_t key : input.store_order) stored += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
   return stored;
 }
 
 template <typename Contender>
 uint64_t FetchAll(Contender& cache, const Input& input, const std::vector<uint32_t>& order, size_t size,
-                  unsigned store_every) {
+                  unsigned store_every, size_t passes) {
   std::vector<char> buffer(size);
   uint64_t sum = 0;
   unsigned until_store = store_every;
-  for (const uint32_t key : order) {
-    if (store_every != 0 && --until_store == 0) {
-      until_store = store_every;
-      sum += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
-    } else {
-      sum += cache.Fetch(input.keys[key], buffer.data(), size) + Word(buffer.data());
+  for (size_t pass = 0; pass < passes; pass++) {
+    for (const uint32_t key : order) {
+      if (store_every != 0 && --until_store == 0) {
+        until_store = store_every;
+        sum += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
+      } else {
+        sum += cache.Fetch(input.keys[key], buffer.data(), size) + Word(buffer.data());
+      }
     }
   }
   return sum;
@@ -239,21 +251,50 @@ void Turn(duel::Sheet& sheet, const Input& input, Make make) {
   for (const size_t size : kSizes) {
     const std::string bytes = std::to_string(size) + " B ";
     const auto cache = make(RoomFor(input.keys.size(), size), size);
-    sheet.Time((bytes + "store").c_str(), input.keys.size(),
-               [&] { return StoreAll(*cache, input, input.orders[0], size); });
+    const size_t passes = Passes(input.keys.size()), mix_passes = MixPasses(input.keys.size());
+    sheet.Time((bytes + "fill").c_str(), input.keys.size(), [&] { return StoreAll(*cache, input, size); });
     for (const unsigned threads : ThreadCounts()) {
       const std::string name = bytes + "hit, " + std::to_string(threads);
-      sheet.Time(name.c_str(), threads * input.keys.size(), [&] {
-        return InThreads(input, threads, [&](const auto& order) { return FetchAll(*cache, input, order, size, 0); });
+      sheet.Time(name.c_str(), threads * passes * input.keys.size(), [&] {
+        return InThreads(input, threads,
+                         [&](const auto& order) { return FetchAll(*cache, input, order, size, 0, passes); });
       });
     }
     for (const unsigned threads : ThreadCounts()) {
       const std::string name = bytes + "mix, " + std::to_string(threads);
-      sheet.Time(name.c_str(), threads * input.keys.size(), [&] {
-        return InThreads(input, threads, [&](const auto& order) { return FetchAll(*cache, input, order, size, 20); });
+      sheet.Time(name.c_str(), threads * mix_passes * input.keys.size(), [&] {
+        return InThreads(input, threads,
+                         [&](const auto& order) { return FetchAll(*cache, input, order, size, 20, mix_passes); });
       });
     }
   }
+}
+
+constexpr size_t kSteadyValue = 100;
+constexpr size_t kSteadyBlock = 56 + kKeyLength + 1 + kSteadyValue + 3;  // ours: with its header and padding
+constexpr size_t kSteadyRoom = 64 * kMiB;
+constexpr size_t kSteadyBlocks = kSteadyRoom / kSteadyBlock;
+
+// Stores four times what the memory holds, in a cache that is full. A refused store counts as time, not as a store.
+template <typename Contender>
+void TellSteadyStore(duel::Sheet& sheet, const Input& input, Contender& cache) {
+  size_t at = 0;
+  size_t refused = 0;
+  const auto store = [&](size_t count) {
+    for (size_t stored = 0; stored < count; at++) {
+      const size_t key = at % input.steady_keys.size();
+      const bool kept = cache.Store(input.steady_keys[key], input.Value(key), kSteadyValue);
+      (kept ? stored : refused)++;
+    }
+  };
+  store(kSteadyBlocks);
+  refused = 0;
+  const size_t start = at;
+  sheet.Time("100 B steady store", kSteadyBlocks * 4, [&] {
+    store(kSteadyBlocks * 4);
+    return uint64_t{0};
+  });
+  sheet.Tell("steady, refused %", 100.0 * static_cast<double>(refused) / static_cast<double>(at - start));
 }
 
 // As many bytes for the peers as ours has, header and all.
@@ -278,6 +319,8 @@ int main(int argc, char** argv) {
       [](duel::Duel& duel, size_t keys) {
         auto input = std::make_shared<Input>();
         input->keys = duel::Strings(keys, kKeyLength, kKeyLength, 1);
+        input->steady_keys = duel::Strings(kSteadyBlocks * 4, kKeyLength, kKeyLength, 2);
+        input->store_order = duel::Shuffled(keys, 99);
         for (unsigned t = 0; t < ThreadCounts().back(); t++) input->orders.push_back(duel::Shuffled(keys, t + 1));
         duel::Random random(3);
         input->bytes.resize(1024 * 8 + kSizes[2]);
@@ -285,27 +328,37 @@ int main(int argc, char** argv) {
 
         duel.Contend("QXCache", [input, keys](duel::Sheet& sheet) {
           Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<Ours>(room, 60000, 0); });
+          Ours steady(kSteadyRoom, 1, 0);
+          TellSteadyStore(sheet, *input, steady);
           Ours small(SmallRoom(keys), 10, 0);
           TellHitRatio(sheet, *input, small);
         });
         duel.Contend("rocksdb::LRUCache", [input, keys](duel::Sheet& sheet) {
           Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<Rocks>(rocksdb::NewLRUCache(room)); });
+          Rocks steady(rocksdb::NewLRUCache(kSteadyRoom));
+          TellSteadyStore(sheet, *input, steady);
           Rocks small(rocksdb::NewLRUCache(SmallRoom(keys)));
           TellHitRatio(sheet, *input, small);
         });
         duel.Contend("rocksdb HyperClock", [input, keys](duel::Sheet& sheet) {
           Turn(sheet, *input,
                [](size_t room, size_t size) { return std::make_unique<Rocks>(Rocks::Clock(room, size + kKeyLength)); });
+          Rocks steady(Rocks::Clock(kSteadyRoom, kSteadyValue + kKeyLength));
+          TellSteadyStore(sheet, *input, steady);
           Rocks small(Rocks::Clock(SmallRoom(keys), 1024 + kKeyLength));
           TellHitRatio(sheet, *input, small);
         });
         duel.Contend("leveldb LRU", [input, keys](duel::Sheet& sheet) {
           Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<LevelLRU>(room); });
+          LevelLRU steady(kSteadyRoom);
+          TellSteadyStore(sheet, *input, steady);
           LevelLRU small(SmallRoom(keys));
           TellHitRatio(sheet, *input, small);
         });
         duel.Contend("mutex+unordered_map", [input, keys](duel::Sheet& sheet) {
           Turn(sheet, *input, [](size_t room, size_t) { return std::make_unique<MutexMap>(room); });
+          MutexMap steady(kSteadyRoom);
+          TellSteadyStore(sheet, *input, steady);
           MutexMap small(SmallRoom(keys));
           TellHitRatio(sheet, *input, small);
         });
