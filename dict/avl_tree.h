@@ -206,7 +206,7 @@ template <typename T>
 typename T::Value Remove(typename T::Dict* dict, typename T::Key v, typename T::Value n) {
   Path<T> path(dict);
   path.Push(kHeader);
-  const Index x = tree::Search<T>(dict, v, [&path](Index passed) { path.Push(passed); });
+  const Index x = tree::SearchPath<T>(dict, v, &path);
   if (x == kSentinel) return n;
 
   typename T::Node* nodes = dict->d_nodes;
@@ -257,11 +257,9 @@ struct Neighbours {
 template <typename T>
 Neighbours SearchNeighbours(typename T::Dict* dict, typename T::Key v) {
   Neighbours near{kSentinel, kHeader, kHeader};
-  const typename T::Node* nodes = dict->d_nodes;
-  near.found = tree::Search<T>(dict, v, [&near, nodes, v](Index x) {
-    const bool above = v < nodes[x].n_key;
-    near.hi = above ? x : near.hi;
-    near.lo = above ? near.lo : x;
+  near.found = tree::Search<T>(dict, v, [&near, v](const typename T::Node& node, Index x) {
+    near.hi = tree::IfBelow(v, node.n_key, x, near.hi);
+    near.lo = tree::IfBelow(node.n_key, v, x, near.lo);
   });
   return near;
 }

@@ -26,6 +26,7 @@
 #define DICT_NODE_TREE_H
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 
 #include "dict/huge_pages.h"
@@ -79,14 +80,40 @@ void ReplaceChild(Node& node, Index old, Index child) {
   }
 }
 
-// The child on the side where `v` belongs, chosen by arithmetic: a branch here would be guessed wrong at every other
-// level.
+// The choices that a search makes at every node are written out for x86-64: compilers make branches of them, whatever
+// the source asks for, and every other one would be guessed wrong.
+
+// x where a is below b, else y.
+template <typename Key>
+Index IfBelow(Key a, Key b, Index x, Index y) {
+#ifdef __x86_64__
+  __asm__("cmp %[b], %[a]\n\tcmovb %[x], %[y]" : [y] "+r"(y) : [a] "r"(a), [b] "rm"(b), [x] "rm"(x) : "cc");
+  return y;
+#else
+  return a < b ? x : y;
+#endif
+}
+
+// The child on the side where `v` belongs.
 template <typename Node, typename Key>
 Index Toward(const Node& node, Key v) {
-  const Index left = node.n_left;
-  const Index right = node.n_right;
-  const Index if_left = Index{0} - static_cast<Index>(v < node.n_key);  // all ones, or 0
-  return (right ^ ((left ^ right) & if_left)) & kIndexMask;
+  return IfBelow(v, node.n_key, node.n_left, node.n_right) & kIndexMask;
+}
+
+// Where a search for `v` goes from x, whose node this is: to the child on the side where `v` belongs, or nowhere when
+// it has arrived.
+template <typename Node, typename Key>
+Index Step(const Node& node, Key v, Index x) {
+#ifdef __x86_64__
+  Index next = node.n_right;
+  __asm__("cmp %[key], %[v]\n\tcmovb %[left], %[next]\n\tcmove %[x], %[next]"
+          : [next] "+&r"(next)
+          : [v] "r"(v), [key] "m"(node.n_key), [left] "m"(node.n_left), [x] "r"(x)
+          : "cc");
+  return next & kIndexMask;
+#else
+  return node.n_key == v ? x : Toward(node, v);
+#endif
 }
 
 // Replaces the child on the side where `v` belongs; an equal key belongs to the right.
@@ -238,15 +265,27 @@ void NodeDelete(typename T::Dict* dict, Index x) {
   dict->d_list = x;
 }
 
-// Searches for a key and calls `passed` with every node on the way whose key is another, the sentinel excepted. Gives
-// the key's node, or the sentinel.
+// The levels that a search goes down without asking whether it has arrived: most end there, a level or two before or
+// after the last of the balanced tree. To ask at each would be to guess at each, and the one wrong guess, which comes
+// to light when the key's node has come from memory, would keep the processor from the next search until then.
+template <typename T>
+unsigned SureLevels(const typename T::Dict* dict) {
+  return static_cast<unsigned>(std::bit_width(dict->d_size + dict->d_size / 2));
+}
+
+// Searches for a key and calls `passed` with every node on the way whose key is another, and maybe once more with the
+// one where it ends. Gives the key's node, or the sentinel.
 template <typename T, typename Passed>
 Index Search(typename T::Dict* dict, typename T::Key v, Passed passed) {
   typename T::Node* nodes = dict->d_nodes;
   nodes[kSentinel].n_key = v;
   Index x = Root(dict);
+  for (unsigned level = SureLevels<T>(dict); level > 0; level--) {
+    passed(nodes[x], x);
+    x = Step(nodes[x], v, x);
+  }
   while (nodes[x].n_key != v) {
-    passed(x);
+    passed(nodes[x], x);
     x = Toward(nodes[x], v);
   }
   return x;
@@ -254,7 +293,21 @@ Index Search(typename T::Dict* dict, typename T::Key v, Passed passed) {
 
 template <typename T>
 Index Search(typename T::Dict* dict, typename T::Key v) {
-  return Search<T>(dict, v, [](Index) {});
+  return Search<T>(dict, v, [](const typename T::Node&, Index) {});
+}
+
+// Searches for a key and pushes every node on the way whose key is another, the sentinel excepted. Gives the key's
+// node, or the sentinel.
+template <typename T>
+Index SearchPath(typename T::Dict* dict, typename T::Key v, Path<T>* path) {
+  typename T::Node* nodes = dict->d_nodes;
+  nodes[kSentinel].n_key = v;
+  Index x = Root(dict);
+  while (nodes[x].n_key != v) {
+    path->Push(x);
+    x = Toward(nodes[x], v);
+  }
+  return x;
 }
 
 template <typename T>

@@ -204,7 +204,7 @@ void TreeRemoveCorrect(RBDict* dict, Path* path) {
 RBDictValue TreeRemove(RBDict* dict, RBDictKey v, RBDictValue n) {
   Path path(dict);
   path.Push(kHeader);
-  const Index z = tree::Search<RBTraits>(dict, v, [&path](Index passed) { path.Push(passed); });
+  const Index z = tree::SearchPath<RBTraits>(dict, v, &path);
   if (z == kSentinel) return n;
 
   RBDictNode* nodes = dict->d_nodes;

@@ -17,6 +17,7 @@ template <typename T>
 typename T::Value FindShared(const typename T::Dict* dict, typename T::Key v, typename T::Value n) {
   const typename T::Node* nodes = dict->d_nodes;
   Index x = Root(dict);
+  for (unsigned level = SureLevels<T>(dict); level > 0; level--) x = Step(nodes[x], v, x);
   while (x != 0 && nodes[x].n_key != v) x = Toward(nodes[x], v);
   return x != 0 ? nodes[x].n_value : n;
 }
@@ -34,7 +35,7 @@ void FindTogether(const typename T::Dict* dict, const typename T::Key* keys, siz
     moved = 0;
     for (size_t i = 0; i < count; i++) {
       const typename T::Node& node = nodes[at[i]];
-      const Index next = node.n_key == keys[i] ? at[i] : Toward(node, keys[i]);
+      const Index next = Step(node, keys[i], at[i]);
       __builtin_prefetch(&nodes[next]);
       moved |= next ^ at[i];
       at[i] = next;
@@ -58,7 +59,7 @@ Boolean LowerBound(const typename T::Dict* dict, typename T::Key v, typename T::
   Index above = 0;  // the last node on the way whose key is above v
   Index x = Root(dict);
   while (x != 0 && nodes[x].n_key != v) {
-    above = v < nodes[x].n_key ? x : above;
+    above = IfBelow(v, nodes[x].n_key, x, above);
     x = Toward(nodes[x], v);
   }
   if (x == 0) x = above;
