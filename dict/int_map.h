@@ -47,7 +47,7 @@ constexpr UInt kMaxCapacity = ~UInt{0} / 3;  // the slots are counted by way of 
 constexpr UInt kNoSlot = ~UInt{0};
 constexpr UInt kSweepShare = 4;  // from this part of the slots on, emptying all is quicker than emptying the used ones
 constexpr size_t kAhead = 32;    // keys whose slots are on their way from memory while many are looked up
-constexpr size_t kRing = 16;     // pairs whose new slots are on their way from memory while a map grows
+constexpr size_t kRing = 32;     // pairs whose new slots are on their way from memory while a map grows
 
 template <typename Entry>
 constexpr UInt kGroup = 64 / sizeof(Entry);  // slots looked at together
@@ -119,23 +119,19 @@ UInt Home(const typename T::Map& map, typename T::Key key) {
   return qx::Remainder(key, map.m_allocated, map.m_reciprocal);
 }
 
-// The slot that ends the probe from `home` on: the first that holds the key or is free, among those that lie at most
-// `reach` behind it. kNoSlot: all of these hold other keys.
+// The slot that ends the probe that has come to slot `s`: the first that holds the key or is free, among those that
+// lie at most `reach` behind the key's home, which is `seen` slots back. kNoSlot: all of these hold other keys.
 template <typename T>
-UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt reach) {
+UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt s, UInt seen, UInt reach) {
   constexpr UInt kSlots = kGroup<typename T::Entry>;
   const typename T::Entry* entries = map.m_entries;
   const UInt size = map.m_allocated;
-  if (reach == 0) {  // every key is at home, as neighbouring keys are
-    return entries[home].e_key == key || entries[home].e_key == T::kNone ? home : kNoSlot;
-  }
-  UInt s = home;
-  for (UInt seen = 0; seen <= reach;) {
+  while (seen <= reach) {
+    if (s == size) s = 0;
     if (s + kSlots <= size) [[likely]] {
       const UInt ends = Ends(entries + s, key);
-      if (ends != 0) [[likely]] {
+      if (ends != 0) [[likely]]
         return s + static_cast<UInt>(std::countr_zero(ends));
-      }
       s += kSlots;
       seen += kSlots;
     } else {
@@ -143,7 +139,6 @@ UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt r
       s++;
       seen++;
     }
-    if (s == size) s = 0;
   }
   return kNoSlot;
 }
@@ -151,7 +146,7 @@ UInt ProbeEnd(const typename T::Map& map, typename T::Key key, UInt home, UInt r
 // The first free slot from a key's home on.
 template <typename T>
 UInt FreeSlot(const typename T::Map& map, UInt home) {
-  const UInt s = ProbeEnd<T>(map, T::kNone, home, map.m_allocated);
+  const UInt s = ProbeEnd<T>(map, T::kNone, home, 0, map.m_allocated);
   if (s == kNoSlot) QX_DIE_IN(T::kModule, T::kFindName, ":idmap: no free slot: the map was written to by others");
   return s;
 }
@@ -168,28 +163,36 @@ void Place(typename T::Map* map, UInt home, UInt s, typename T::Key key, typenam
   if (distance > map->m_reach) map->m_reach = distance;
 }
 
-// Places a pair of the slots that a map had before it grew.
+// A pair of the slots that a map had before it grew, and its home among the new ones.
 template <typename T>
-void PlaceAgain(typename T::Map* map, const typename T::Entry* entry) {
-  const UInt home = Home<T>(*map, entry->e_key);
-  const UInt s = ProbeEnd<T>(*map, entry->e_key, home, map->m_allocated);
-  const bool added = s != kNoSlot && map->m_entries[s].e_key == T::kNone && entry->e_val != T::kNone;
+struct Moving {
+  const typename T::Entry* entry;
+  UInt home;
+};
+
+template <typename T>
+void PlaceAgain(typename T::Map* map, const Moving<T>& pair) {
+  const auto& [key, val] = *pair.entry;
+  const UInt s = ProbeEnd<T>(*map, key, pair.home, 0, map->m_allocated);
+  const bool added = s != kNoSlot && map->m_entries[s].e_key == T::kNone && val != T::kNone;
   QX_ASSERT_IN(T::kModule, T::kGrowName, added, "val == entry->e_val && added");
-  Place<T>(map, home, s, entry->e_key, entry->e_val);
+  Place<T>(map, pair.home, s, key, val);
 }
 
 // Places the pairs of the old slots, in their order. Slots of the new array are fetched ahead, so that one pair does
 // not wait for the other's.
 template <typename T>
 void PlaceAll(typename T::Map* map, const typename T::Entry* old, UInt old_size) {
-  std::array<const typename T::Entry*, kRing> ring;
+  std::array<Moving<T>, kRing> ring;
   size_t in = 0;
   size_t out = 0;
   for (UInt s = 0; s < old_size; s++) {
     if (old[s].e_key == T::kNone) continue;
-    __builtin_prefetch(&map->m_entries[Home<T>(*map, old[s].e_key)], 1);
+    const UInt home = Home<T>(*map, old[s].e_key);
+    __builtin_prefetch(map->m_entries + home, 1);
+    __builtin_prefetch(map->m_entries + home + kGroup<typename T::Entry> - 1, 1);
     if (in - out == kRing) PlaceAgain<T>(map, ring[out++ % kRing]);
-    ring[in++ % kRing] = &old[s];
+    ring[in++ % kRing] = {&old[s], home};
   }
   while (out != in) PlaceAgain<T>(map, ring[out++ % kRing]);
 }
@@ -263,63 +266,104 @@ void Get(const typename T::Map* map, UInt n, typename T::Key* key, typename T::K
   *val = entry.e_val;
 }
 
-// Inserts an absent key and returns its value. `s` is the slot that ended its probe, or kNoSlot. Not inlined: a look-up
-// that inserts nothing need not save the registers that growing takes.
+// Inserts an absent key and returns its value. `entry` is the slot that ended its probe, or null. Not inlined, and told
+// little: a look-up that inserts nothing need not save registers.
 template <typename T>
-__attribute__((noinline)) typename T::Key Insert(typename T::Map* map, UInt home, UInt s, typename T::Key key,
-                                                 typename T::Key val) {
-  if (map->m_used.t.length == map->m_capacity) {
+[[gnu::noinline]] typename T::Key Insert(typename T::Map* map, const typename T::Entry* entry, typename T::Key key,
+                                         typename T::Key val) {
+  if (map->m_used.t.length == map->m_capacity) [[unlikely]] {
     Grow<T>(map, map->m_used.t.length * 2);
     QX_ASSERT_IN(T::kModule, T::kFindName, map->m_used.t.length < map->m_capacity,
                  "(((map)->m_used).t.length) < map->m_capacity");
-    home = Home<T>(*map, key);
-    s = kNoSlot;
+    entry = nullptr;
   }
-  if (s == kNoSlot) s = FreeSlot<T>(*map, home);
+  const UInt home = Home<T>(*map, key);
+  const UInt s = entry != nullptr ? static_cast<UInt>(entry - map->m_entries) : FreeSlot<T>(*map, home);
   Place<T>(map, home, s, key, val);
   return val;
 }
 
+// The value of a key that is there, after the update that was asked for.
+template <typename T>
+typename T::Key Found(typename T::Entry* entry, typename T::Key update, Boolean* added) {
+  if (added != nullptr) *added = FALSE;
+  if (update != T::kNone) entry->e_val = update;
+  return entry->e_val;
+}
+
+// Find, where the kSeen slots from the key's home to in front of `next` have told nothing.
+template <typename T, UInt kSeen>
+[[gnu::noinline]] typename T::Key FindFarther(typename T::Map* map, typename T::Key key, typename T::Entry* next,
+                                              typename T::Key create, typename T::Key update, Boolean* added) {
+  const UInt s = ProbeEnd<T>(*map, key, static_cast<UInt>(next - map->m_entries), kSeen, map->m_reach);
+  typename T::Entry* entry = s != kNoSlot ? map->m_entries + s : nullptr;
+  if (entry != nullptr && entry->e_key == key) return Found<T>(entry, update, added);
+  if (added != nullptr) *added = create != T::kNone ? TRUE : FALSE;
+  return create != T::kNone ? Insert<T>(map, entry, key, create) : T::kNone;
+}
+
+// Nearly always the first group settles it. Whatever else there is to do is called last, by a jump, and is told what
+// lies in registers anyway: so nothing has to be saved.
 template <typename T>
 typename T::Key Find(typename T::Map* map, typename T::Key key, typename T::Key create, typename T::Key update,
                      Boolean* added) {
   QX_ASSERT_IN(T::kModule, T::kFindName, map != nullptr && key != T::kNone, T::kFindText);
+  constexpr UInt kSlots = kGroup<typename T::Entry>;
   const UInt home = Home<T>(*map, key);
-  const UInt s = ProbeEnd<T>(*map, key, home, map->m_reach);
-  const bool found = s != kNoSlot && map->m_entries[s].e_key == key;
-  const bool insert = !found && create != T::kNone;
-  if (added != nullptr) *added = insert ? TRUE : FALSE;
-  if (found) {
-    typename T::Entry& entry = map->m_entries[s];
-    if (update != T::kNone) entry.e_val = update;
-    return entry.e_val;
+  typename T::Entry* entry = map->m_entries + home;
+  UInt ends = 1;
+  if (map->m_reach != 0) {  // else every key is at home, as neighbouring keys are
+    if (home + kSlots > map->m_allocated) [[unlikely]]
+      return FindFarther<T, 0>(map, key, entry, create, update, added);
+    ends = Ends(entry, key);
+    entry += std::countr_zero(ends | 1u << (kSlots - 1));  // none: the last one, which is another key's
   }
-  return insert ? Insert<T>(map, home, s, key, create) : T::kNone;
+  if (entry->e_key == key) return Found<T>(entry, update, added);
+  // Where no key lies that far from home this is not asked: inside a solid run it would be guessed wrong.
+  if (map->m_reach >= kSlots && ends == 0) [[unlikely]]
+    return FindFarther<T, kSlots>(map, key, entry + 1, create, update, added);
+  if (added != nullptr) *added = create != T::kNone ? TRUE : FALSE;
+  if (create == T::kNone) return T::kNone;
+  return Insert<T>(map, entry->e_key == T::kNone ? entry : nullptr, key, create);
 }
 
 // Looks many keys up: the value of each, or the marker. The slots of keys to come are fetched ahead.
 template <typename T>
 void FindMany(const typename T::Map* map, const typename T::Key* keys, size_t count, typename T::Key* values) {
   QX_ASSERT_IN(T::kModule, T::kFindManyName, map != nullptr, "map != ((void *)0)");
-  const typename T::Entry* entries = map->m_entries;
-  const auto fetch = [map, entries](typename T::Key key) {
-    const typename T::Entry* home = entries + Home<T>(*map, key);
-    __builtin_prefetch(home);
-    __builtin_prefetch(home + kGroup<typename T::Entry> - 1);  // a group lies in two cache lines, as a rule
+  constexpr UInt kSlots = kGroup<typename T::Entry>;
+  const typename T::Map as_is = *map;  // whatever is written to `values`
+  UInt homes[kAhead];
+  const auto fetch = [&](size_t i) {
+    const UInt home = Home<T>(as_is, keys[i]);
+    homes[i % kAhead] = home;
+    __builtin_prefetch(as_is.m_entries + home);
+    __builtin_prefetch(as_is.m_entries + home + kSlots - 1);  // a group lies in two cache lines, as a rule
   };
-  for (size_t i = 0; i < std::min(count, kAhead); i++) fetch(keys[i]);
+  for (size_t i = 0; i < std::min(count, kAhead); i++) fetch(i);
   for (size_t i = 0; i < count; i++) {
-    if (i + kAhead < count) fetch(keys[i + kAhead]);
     const typename T::Key key = keys[i];
+    const UInt home = homes[i % kAhead];
+    if (i + kAhead < count) fetch(i + kAhead);
     QX_ASSERT_IN(T::kModule, T::kFindManyName, key != T::kNone, T::kFindText);
-    const UInt s = ProbeEnd<T>(*map, key, Home<T>(*map, key), map->m_reach);
+    UInt s = home;
+    if (as_is.m_reach != 0) {
+      if (home + kSlots > as_is.m_allocated) [[unlikely]] {
+        s = ProbeEnd<T>(as_is, key, home, 0, as_is.m_reach);
+      } else {
+        const UInt ends = Ends(as_is.m_entries + home, key);
+        s += static_cast<UInt>(std::countr_zero(ends | 1u << (kSlots - 1)));
+        if (as_is.m_reach >= kSlots && ends == 0) [[unlikely]]
+          s = ProbeEnd<T>(as_is, key, home + kSlots, kSlots, as_is.m_reach);
+      }
+    }
     if (s == kNoSlot) [[unlikely]] {
       values[i] = T::kNone;
       continue;
     }
-    // All ones where the slot is free: the marker, by arithmetic, as half of the keys may be absent.
-    const typename T::Key absent = static_cast<typename T::Key>(entries[s].e_key == key) - 1;
-    values[i] = (entries[s].e_val & ~absent) | (T::kNone & absent);
+    // All ones where the slot is not the key's: the marker, by arithmetic, as half of the keys may be absent.
+    const typename T::Key absent = static_cast<typename T::Key>(as_is.m_entries[s].e_key == key) - 1;
+    values[i] = (as_is.m_entries[s].e_val & ~absent) | (T::kNone & absent);
   }
 }
 
