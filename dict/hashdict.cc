@@ -198,12 +198,19 @@ size_t Remaining(const UByte* at, const UByte* end) { return at < end ? static_c
 }  // namespace
 
 bool FilePath(char (&path)[PATH_MAX], const char* dir, const char* name, const char* suffix) {
-  const char* slash = dir != nullptr ? "/" : "";
-  const int length = std::snprintf(path, sizeof path, "%s%s%s.%s", dir != nullptr ? dir : "", slash, name,
-                                   suffix != nullptr ? suffix : HASHDICT_SUFFIX);
-  if (length >= 0 && static_cast<size_t>(length) < sizeof path) return true;
-  errno = ENAMETOOLONG;
-  return false;
+  size_t length = 0;
+  for (const char* part : {dir != nullptr ? dir : "", dir != nullptr ? "/" : "", name, ".",
+                           suffix != nullptr ? suffix : HASHDICT_SUFFIX}) {
+    const size_t size = std::strlen(part);
+    if (size >= sizeof path - length) {
+      errno = ENAMETOOLONG;
+      return false;
+    }
+    std::memcpy(path + length, part, size);
+    length += size;
+  }
+  path[length] = '\0';
+  return true;
 }
 
 }  // namespace hashdict

@@ -69,8 +69,7 @@ void* FileMapRead(const char* dir, const char* name, size_t* size, Boolean* empt
   *size = 0;
   char path[PATH_MAX];
   if (!PathJoin(path, dir, name)) return nullptr;
-  // Without O_NONBLOCK the opening of a FIFO would wait for a writer.
-  const int fd = qx::OpenDescriptor(path, O_RDONLY | O_NONBLOCK);
+  const int fd = qx::OpenToMap(path);
   if (fd < 0) return nullptr;
   void* base = MapDescriptor(fd, size, empty);
   qx::CloseKeepingErrno(fd);

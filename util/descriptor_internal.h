@@ -49,11 +49,9 @@ class StandardPlaces {
   int count_ = 0;
 };
 
-// Opens a file. -1, with errno, on failure. A standard stream that another thread closes during the call can still be
-// given to it; such a descriptor is moved.
-inline int OpenDescriptor(const char* path, int flags) {
+// Opens a file; a descriptor among the standard streams' is moved behind them. -1, with errno, on failure.
+inline int OpenAndMove(const char* path, int flags) {
   constexpr mode_t kCreationMode = 0666;  // less the umask
-  const StandardPlaces places;
   int fd = -1;
   do {
     fd = open(path, flags | O_CLOEXEC | O_NOCTTY, kCreationMode);
@@ -62,6 +60,20 @@ inline int OpenDescriptor(const char* path, int flags) {
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
   CloseKeepingErrno(fd);
   return moved;
+}
+
+// Opens a file. -1, with errno, on failure. A standard stream that another thread closes during the call can still be
+// given to it; such a descriptor is moved.
+inline int OpenDescriptor(const char* path, int flags) {
+  const StandardPlaces places;
+  return OpenAndMove(path, flags);
+}
+
+// Opens a file to be mapped for reading. Nothing can be printed into it, and what another thread reads from it does not
+// matter to a mapping, so it does without the placeholders and their three system calls.
+inline int OpenToMap(const char* path) {
+  // Without O_NONBLOCK the opening of a FIFO would wait for a writer.
+  return OpenAndMove(path, O_RDONLY | O_NONBLOCK);
 }
 
 // Opens the directory that holds a file that is there, wherever links on the path lead. -1, with errno, on failure.
