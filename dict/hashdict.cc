@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "dict/hashdict_kernel.h"
+#include "dict/hashdict_rows.h"
 
 namespace hashdict {
 namespace {
@@ -109,24 +109,24 @@ Id Answer(const HashDict& hdict, Id id, const UByte* bytes, UInt len) {
   return Answer(hdict, id, bytes, len);
 }
 
-// The look-up in a sound dictionary.
-template <Watch kWatch>
-inline Id FindFast(const HashDict& hdict, const UByte* bytes, UInt len) {
+// What remains to be done in a sound dictionary when a key is hashed.
+inline Id FindHashed(const HashDict& hdict, Hashed hashed, const Triple& triple, const UByte* bytes, UInt len) {
+  if (hashed == Hashed::kVertices) [[likely]]
+    return Answer(hdict, Combine(hdict, triple), bytes, len);
+  return hashed == Hashed::kAbsent ? HASHDICT_NOT_FOUND : FindSlow(hdict, bytes, len);
+}
+
+// The look-up in a sound dictionary, of a key that its rows do not serve.
+[[gnu::noinline]] Id FindWithoutRows(const HashDict& hdict, const UByte* bytes, UInt len) {
+  RowsCount(hdict, 1);
   Triple triple;
-  switch (HashFast<kWatch>(hdict, bytes, len, &triple)) {
-    case Hashed::kAbsent:
-      return HASHDICT_NOT_FOUND;
-    case Hashed::kDamaged:
-      return FindSlow(hdict, bytes, len);
-    case Hashed::kVertices:
-      break;
-  }
-  return Answer(hdict, Combine(hdict, triple), bytes, len);
+  const Hashed hashed = HashFast<Watch::kTopBits>(hdict, bytes, len, &triple);
+  return FindHashed(hdict, hashed, triple, bytes, len);
 }
 
 // Many of them, kInFlight of which are between asking for memory and its use.
-template <Watch kWatch>
-inline void FindManyFast(const HashDict& hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids) {
+void FindManySound(const HashDict& hdict, const Rows* rows, UInt n, const UByte* const* keys, const UInt* lens,
+                   Id* ids) {
   constexpr UInt kInFlight = 32;
   Triple vertices[kInFlight];
   Hashed hashed[kInFlight];
@@ -134,7 +134,7 @@ inline void FindManyFast(const HashDict& hdict, UInt n, const UByte* const* keys
     count = std::min(n, kInFlight);
     for (UInt i = 0; i < count; i++) {
       if (n - count > i) __builtin_prefetch(keys[count + i]);
-      hashed[i] = HashFast<kWatch>(hdict, keys[i], lens[i], &vertices[i]);
+      hashed[i] = HashKey<Watch::kTopBits>(hdict, rows, keys[i], lens[i], &vertices[i]);
       if (hashed[i] == Hashed::kVertices) PrefetchFun(hdict, vertices[i]);
     }
     for (UInt i = 0; i < count; i++) {
@@ -148,17 +148,6 @@ inline void FindManyFast(const HashDict& hdict, UInt n, const UByte* const* keys
     for (UInt i = 0; i < count && hdict.h_probe != 0; i++) ids[i] = Answer(hdict, ids[i], keys[i], lens[i]);
   }
 }
-
-#ifdef QX_HAS_AVX2_TARGET
-[[gnu::target("avx2"), gnu::flatten]] Id FindFastAvx2(const HashDict& hdict, const UByte* bytes, UInt len) {
-  return FindFast<Watch::kLargest>(hdict, bytes, len);
-}
-
-[[gnu::target("avx2"), gnu::flatten]] void FindManyFastAvx2(const HashDict& hdict, UInt n, const UByte* const* keys,
-                                                            const UInt* lens, Id* ids) {
-  FindManyFast<Watch::kLargest>(hdict, n, keys, lens, ids);
-}
-#endif
 
 // A channel's length prefix, through the channel's buffer.
 bool ReadLength(Channel* f, UInt* length) {
@@ -191,6 +180,17 @@ UByte* ReadBlock(Channel* f, size_t length) {
 }
 
 HashDict* HandleNew() { return static_cast<HashDict*>(Allocate_(sizeof(HashDict), nullptr, kModule, __LINE__)); }
+
+// A handle of ours may come to have rows, since it will be released by us.
+HashDict* CountFinds(HashDict* hdict) {
+  hdict->h_finds = 0;
+  return hdict;
+}
+
+void HandleDelete(HashDict* hdict) {
+  RowsDelete(hdict);
+  UnAllocate_(hdict, kModule, __LINE__);
+}
 
 // Bytes from `at` to `end`, none when it lies behind.
 size_t Remaining(const UByte* at, const UByte* end) { return at < end ? static_cast<size_t>(end - at) : 0; }
@@ -228,7 +228,7 @@ HashDict* HashDictOpen(const char* dir, const char* name, const char* suffix) {
     return nullptr;
   }
   HashDict* hdict = HandleNew();
-  if (HashDictMemOpen_(hdict, static_cast<UByte*>(image), size, FALSE)) return hdict;
+  if (HashDictMemOpen_(hdict, static_cast<UByte*>(image), size, FALSE)) return CountFinds(hdict);
   // The mapping stays. Refused images are rare, and a caller that meets them often checks them before opening.
   UnAllocate_(hdict, kModule, __LINE__);
   errno = EINVAL;
@@ -244,7 +244,7 @@ Boolean HashDictFileRead(HashDict** hdictPtr, Channel* f) {
   HashDict* hdict = HandleNew();
   // A refused image keeps its buffer and handle, as HashDictOpen keeps the mapping.
   if (!HashDictMemOpen_(hdict, image, length, TRUE)) return FALSE;
-  *hdictPtr = hdict;
+  *hdictPtr = CountFinds(hdict);
   return TRUE;
 }
 
@@ -262,12 +262,13 @@ Boolean HashDictMMRead(HashDict** hdictPtr, UByte* base, UByte** from, UByte* en
   HashDict* hdict = HandleNew();
   if (!HashDictMemOpen_(hdict, at, length, TRUE)) return FALSE;
   *from = at + length;
-  *hdictPtr = hdict;
+  *hdictPtr = CountFinds(hdict);
   return TRUE;
 }
 
 Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength, [[maybe_unused]] Boolean fromMem) {
   *hdict = HashDict{};
+  hdict->h_finds = kRowsWorthwhile;
   hdict->h_created = FALSE;
   hdict->h_file = data;
   hdict->h_file_size = dataLength;
@@ -310,11 +311,12 @@ Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength, [[mayb
 Id HashDictFind(const HashDict* hdict, const UByte* bytes, UInt len) {
   QX_ASSERT_TEXT(hdict != nullptr, "hdict != ((void *)0)");
   if (!IsSound(*hdict)) return FindSlow(*hdict, bytes, len);
-#ifdef QX_HAS_AVX2_TARGET
-  if (__builtin_cpu_supports("avx2")) [[likely]]
-    return FindFastAvx2(*hdict, bytes, len);
-#endif
-  return FindFast<Watch::kTopBits>(*hdict, bytes, len);
+  const Rows* const rows = RowsOf(*hdict);
+  if (rows == nullptr || len > rows->longest) [[unlikely]]
+    return FindWithoutRows(*hdict, bytes, len);
+  Triple triple;
+  const Hashed hashed = HashByRows(*hdict, *rows, bytes, len, &triple);
+  return FindHashed(*hdict, hashed, triple, bytes, len);
 }
 
 Id HashDictSize(const HashDict* hdict) { return hdict->h_nentries; }
@@ -331,7 +333,7 @@ Boolean HashDictClose(HashDict* hdict) {
   QX_ASSERT_TEXT(hdict->h_file != nullptr, "hdict->h_file != ((void *)0)");
   QX_ASSERT(!hdict->h_created);
   const int error = FileUnmap(hdict->h_file, hdict->h_file_size) ? 0 : errno;
-  UnAllocate_(hdict, kModule, __LINE__);
+  HandleDelete(hdict);
   errno = error;
   return error == 0 ? TRUE : FALSE;
 }
@@ -341,11 +343,11 @@ Boolean HashDictMemClose(HashDict* hdict) {
   QX_ASSERT_TEXT(hdict->h_file != nullptr, "hdict->h_file != ((void *)0)");
   QX_ASSERT(!hdict->h_created);
   UnAllocate_(hdict->h_file, kModule, __LINE__);
-  UnAllocate_(hdict, kModule, __LINE__);
+  HandleDelete(hdict);
   return TRUE;
 }
 
-void HashDictMMFree(HashDict* hdict) { UnAllocate_(hdict, kModule, __LINE__); }
+void HashDictMMFree(HashDict* hdict) { HandleDelete(hdict); }
 
 void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids) {
   QX_ASSERT_TEXT(hdict != nullptr, "hdict != ((void *)0)");
@@ -353,8 +355,6 @@ void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, c
     for (UInt i = 0; i < n; i++) ids[i] = FindSlow(*hdict, keys[i], lens[i]);
     return;
   }
-#ifdef QX_HAS_AVX2_TARGET
-  if (__builtin_cpu_supports("avx2")) return FindManyFastAvx2(*hdict, n, keys, lens, ids);
-#endif
-  FindManyFast<Watch::kTopBits>(*hdict, n, keys, lens, ids);
+  RowsCount(*hdict, n);
+  FindManySound(*hdict, RowsOf(*hdict), n, keys, lens, ids);
 }

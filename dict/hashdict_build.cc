@@ -13,7 +13,7 @@
 #include <cstdlib>
 
 #include "dict/hashdict_graph.h"
-#include "dict/hashdict_kernel.h"
+#include "dict/hashdict_rows.h"
 #include "dict/huge_pages.h"
 
 namespace hashdict {
@@ -83,12 +83,19 @@ void DrawCoefficients(HashDict* hdict) {
   for (ULong i = 0; i < count; i++) hdict->h_coef[i] = static_cast<Id>(random() % long{hdict->h_size});
 }
 
+// Rows for the coefficients just drawn, if there are keys enough to pay for them.
+void RowsRenew(HashDict* hdict) {
+  RowsDelete(hdict);
+  if (hdict->h_nentries >= kRowsWorthwhile) hdict->h_rows = RowsNew(*hdict);
+}
+
 // Draws graphs until one comes apart. Two equal keys join the same vertices, and none of their graphs ever does.
 void GraphBuild(Graph* graph, HashDict* hdict, void* dict, DictKeyFun key, Boolean verbose) {
   const Id nentries = hdict->h_nentries;
   for (Id attempts = 0;;) {
     if (verbose && attempts > 0) QX_MESSAGE(qx::kProgress, FALSE, "hdict: retry %d", static_cast<int>(attempts));
     DrawCoefficients(hdict);
+    RowsRenew(hdict);
     GraphClear(graph);
     Triple ring[kAhead];
     for (ULong i = 0; i < ULong{nentries} + kAhead; i++) {
@@ -100,7 +107,7 @@ void GraphBuild(Graph* graph, HashDict* hdict, void* dict, DictKeyFun key, Boole
       QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
       // A key that is not the one that was measured has no vertices: its edge hangs on vertex 0, where none is removed.
       vertices = Triple{};
-      HashFast<Watch::kNothing>(*hdict, bytes, length, &vertices);
+      HashKey<Watch::kNothing>(*hdict, RowsOf(*hdict), bytes, length, &vertices);
       GraphPrefetchEdge(*graph, vertices);
     }
     // Nothing is given up: with distinct keys an attempt succeeds some day, and the caller was told.
@@ -152,7 +159,8 @@ void HashDictProbe(HashDict* hdict, void* dict, DictKeyFun key, DictValFun val) 
     UShort length = 0;
     const UByte* bytes = GetKey(dict, key, idx, &length);
     QX_ASSERT_TEXT(bytes != nullptr, "bytes != ((void *)0)");
-    pending.hashed = HashFast<Watch::kNothing>(*hdict, bytes, length, &pending.triple) == Hashed::kVertices;
+    pending.hashed =
+        HashKey<Watch::kNothing>(*hdict, RowsOf(*hdict), bytes, length, &pending.triple) == Hashed::kVertices;
     if (pending.hashed) PrefetchFun(*hdict, pending.triple);
     if (hdict->h_probe > 0) ProbeSet(hdict, idx, ProbeValue(bytes, length));
     pending.expected = val != nullptr ? val(dict, idx) : idx;
@@ -205,10 +213,12 @@ HashDict* HashDictBuild(Id nentries, void* dict, DictKeyFun key, DictValFun val,
   GraphAssign(graph, hdict, dict, val);
   GraphDelete(graph);
   HashDictProbe(hdict, dict, key, val);
+  RowsDelete(hdict);
   return hdict;
 }
 
 void HashDictFree(HashDict* hdict) {
+  RowsDelete(hdict);
   if (hdict->h_probe_code != nullptr) AnonArrayFree_(hdict->h_probe_code, kModule, __LINE__);
   if (hdict->h_coef != nullptr) AnonArrayFree_(hdict->h_coef, kModule, __LINE__);
   AnonArrayFree_(hdict->h_rank, kModule, __LINE__);

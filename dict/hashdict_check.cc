@@ -73,6 +73,7 @@ void SoundnessSet(HashDict* hdict) {
   hdict->h_sound = 0;
   if (Uncovered(*hdict) != nullptr) return;
   hdict->h_sound = hdict->h_size;
+  hdict->h_fun_mask = (ULong{1} << hdict->h_nbits) - 1;
   for (Id k = 0; k < 3; k++) hdict->h_reciprocal[k] = qx::Reciprocal(hdict->h_size - k);
 }
 

@@ -16,11 +16,6 @@
 
 #include "dict/hashdict_internal.h"
 
-// Look-ups are compiled a second time for processors with AVX2, and the one to take is chosen as the program runs.
-#if defined(__x86_64__) && !defined(__AVX2__)
-#define QX_HAS_AVX2_TARGET
-#endif
-
 namespace hashdict {
 
 enum class Hashed { kVertices, kAbsent, kDamaged };
@@ -31,10 +26,24 @@ using SignedLanes = Int __attribute__((vector_size(16)));
 
 // How coefficients that are not below the number of vertices are noticed.
 enum class Watch {
-  kNothing,  // there are none: the dictionary was built here
+  kNothing,  // there are none: the dictionary is being built
   kTopBits,  // by differences from the largest good one
-  kLargest,  // by the largest one, where the processor has an instruction for that
 };
+
+// From sums of coefficients to remainders.
+inline Lanes Reduce(const HashDict& hdict, Lanes sums) {
+  for (UInt k = 0; k < 3; k++) sums[k] = qx::Remainder(UInt{sums[k]}, hdict.h_size - k, hdict.h_reciprocal[k]);
+  return sums;
+}
+
+// The vertices that remainders give.
+inline Triple Vertices(const HashDict& hdict, Lanes remainders) {
+  const Id m = hdict.h_size;
+  const Id a = remainders[0], b = remainders[1], c = remainders[2];
+  const Id second = a + 1 + b;
+  const Id third = a + 1 + c + (b <= c ? 1 : 0);
+  return {a + 1, (second >= m ? second - m : second) + 1, (third >= m ? third - m : third) + 1};
+}
 
 // Adds up coefficients.
 template <Watch kWatch>
@@ -61,7 +70,6 @@ class CoefficientSums {
     for (UInt i = 0; i < kCount; i++, row += row_size_) {
       const auto coef = Load<Lanes>(row + ranks[i] * static_cast<ptrdiff_t>(sizeof(Triple)));
       if constexpr (kWatch == Watch::kTopBits) watched_ |= coef | (limit_ - coef);
-      if constexpr (kWatch == Watch::kLargest) watched_ = coef > watched_ ? coef : watched_;
       if constexpr (kSkipping) {
         const Int index = static_cast<Int>(i);
         sums_ += coef & reinterpret_cast<Lanes>(SignedLanes{index, index, index, index} >= skip);
@@ -72,19 +80,16 @@ class CoefficientSums {
     return true;
   }
 
-  // From sums to remainders.
-  void Reduce(const HashDict& hdict) {
-    for (UInt k = 0; k < 3; k++) sums_[k] = qx::Remainder(UInt{sums_[k]}, hdict.h_size - k, hdict.h_reciprocal[k]);
-  }
+  void ReduceSoFar(const HashDict& hdict) { sums_ = Reduce(hdict, sums_); }
+
+  // The vertices that the sums give.
+  Triple ToVertices(const HashDict& hdict) const { return Vertices(hdict, Reduce(hdict, sums_)); }
 
   // A coefficient was above m - 1.
   bool Damaged() const {
     if constexpr (kWatch == Watch::kNothing) return false;
-    const Lanes above = kWatch == Watch::kLargest ? watched_ | (limit_ - watched_) : watched_;
-    return (above[0] | above[1] | above[2]) >> 31 != 0;
+    return (watched_[0] | watched_[1] | watched_[2]) >> 31 != 0;
   }
-
-  Id operator[](UInt k) const { return sums_[k]; }
 
  private:
   const UByte* rank_;
@@ -110,16 +115,6 @@ inline bool AddKey(const UByte* bytes, UInt len, CoefficientSums<kWatch>* sums) 
   return sums->template Add<4>(bytes, 0) && sums->template Add<4, true>(bytes + last, last, static_cast<Int>(4 - last));
 }
 
-// The vertices that reduced sums give.
-template <Watch kWatch>
-inline Triple Vertices(const HashDict& hdict, const CoefficientSums<kWatch>& sums) {
-  const Id m = hdict.h_size;
-  const Id a = sums[0], b = sums[1], c = sums[2];
-  const Id second = a + 1 + b;
-  const Id third = a + 1 + c + (b <= c ? 1 : 0);
-  return {a + 1, (second >= m ? second - m : second) + 1, (third >= m ? third - m : third) + 1};
-}
-
 // The same as HashFast byte by byte, in pieces whose sums do not pass 32 bits: for keys of less than four bytes, and
 // for long ones in large dictionaries.
 template <Watch kWatch>
@@ -130,12 +125,11 @@ template <Watch kWatch>
   for (UInt i = 0; i < len; i++) {
     if (!sums.template Add<1>(bytes + i, i)) return Hashed::kAbsent;
     if (--left > 0) continue;
-    sums.Reduce(hdict);
+    sums.ReduceSoFar(hdict);
     left = room;
   }
   if (sums.Damaged()) return Hashed::kDamaged;
-  sums.Reduce(hdict);
-  *triple = Vertices(hdict, sums);
+  *triple = sums.ToVertices(hdict);
   return Hashed::kVertices;
 }
 
@@ -148,8 +142,7 @@ inline Hashed HashFast(const HashDict& hdict, const UByte* bytes, UInt len, Trip
   CoefficientSums<kWatch> sums(hdict);
   if (!AddKey(bytes, len, &sums)) return Hashed::kAbsent;
   if (sums.Damaged()) return Hashed::kDamaged;
-  sums.Reduce(hdict);
-  *triple = Vertices(hdict, sums);
+  *triple = sums.ToVertices(hdict);
   return Hashed::kVertices;
 }
 
@@ -160,7 +153,7 @@ inline Id FunGetFast(const HashDict& hdict, Id v) {
   const ULong first = ULong{v} * width;
   const size_t from = std::min(first / CHAR_BIT, hdict.h_fun_size - sizeof(ULong));
   const ULong bits = Load<ULong>(Bytes(hdict.h_fun) + from) >> (first - from * CHAR_BIT);
-  return static_cast<Id>(bits & ((ULong{1} << width) - 1));
+  return static_cast<Id>(bits & hdict.h_fun_mask);
 }
 
 // What the function values of a key's vertices combine to. All loads are on their way before one is used.
