@@ -205,7 +205,8 @@ QX_API Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength,
  * Cost: one step a key byte, then three independent memory accesses, and one more with probe codes. The 1,024th look-up
  * arranges a copy of the coefficients for those to come, which take two thirds of the time: 16 bytes for each position
  * and byte value of the keys, at most 1 MiB, released with the handle. It is done without where there is no memory, and
- * for a handle that `HashDictMemOpen_` filled in, since that one is never released. Otherwise look-ups allocate nothing.
+ * for a handle that `HashDictMemOpen_` filled in, since that one is never released. Otherwise look-ups allocate
+ * nothing.
  */
 QX_API Id HashDictFind(const HashDict* hdict, const UByte* bytes, UInt len);
 
