@@ -362,6 +362,7 @@ Cache* QXCacheNewWithPolicy(UInt regionSize, UInt pageSize, double safetyThresho
   cache->c_extra->page_size = pageSize;
   cache->c_extra->page_reciprocal = qx::Reciprocal(pageSize);
   cache->c_extra->born = cache->c_histo_updated;
+  cache->c_extra->ageing_due = cache->c_histo_updated + generationTime + 1;
   cache->c_extra->policy = policy;
 
   ArrayInit_(&cache->c_regions.a);

@@ -208,7 +208,8 @@ QX_API ULong QXCacheGetSize(Cache* cache, UInt* nbObjects, ULong* objSize);
  *         a zero byte behind the key); when ten pages in a row had no room for it (they are then on the full list).
  *
  * Cost: one fingerprint, one insertion into the index, the copy. A store that takes the page with which too few are
- * free wakes the collector, which costs microseconds.
+ * free wakes the collector, which costs microseconds; once a generation has passed, so does one store in ten
+ * milliseconds, behind which the collector ages the histogram.
  */
 QX_API Boolean QXCacheStore(Cache* cache, const UByte* key, const UByte* value, UInt size, ULong expires);
 

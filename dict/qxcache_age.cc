@@ -53,6 +53,17 @@ void Advance(Cache* cache, ULong now) {
   cache->c_histo_updated = base + passed * generation;
 }
 
+// Whether a store at `now` is to have the histogram aged by the collector: once a generation has passed, and then not
+// for every store, each of which would change the counts, but as often as can be seen. Under QX_CACHE_TRUE_AGE stores
+// age it themselves. Caller holds c_histo_mutex.
+bool AgeingIsDue(Cache* cache, ULong now) {
+  CheckHeld(&cache->c_histo_mutex);
+  CacheExtra* const extra = cache->c_extra;
+  if (now < extra->ageing_due) return false;
+  extra->ageing_due = now + kAgeingPause;
+  return !HasPolicy(cache, QX_CACHE_TRUE_AGE);
+}
+
 // Whether two times, both after the creation, lie in one generation.
 bool OfOneGeneration(const Cache* cache, ULong a, ULong b) {
   const ULong born = cache->c_extra->born;
@@ -92,12 +103,13 @@ void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time) {
   AddToBucket(cache, GetHistogramIndex(cache, new_time));
 }
 
-void CountIn(Cache* cache, ULong now, size_t size) {
+bool CountIn(Cache* cache, ULong now, size_t size) {
   const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
   Advance(cache, now);
   AddToBucket(cache, GetHistogramIndex(cache, now));
   cache->c_nb_objects++;
   cache->c_total_size += size;
+  return AgeingIsDue(cache, now);
 }
 
 void CountOut(Cache* cache, const CacheBlock* block, const char* function) {

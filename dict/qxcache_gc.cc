@@ -165,6 +165,15 @@ bool GCWouldWork(const Cache* cache) {
   return false;
 }
 
+void GCWakeToAge(Cache* cache) {
+  {
+    const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
+    if (cache->c_extra->sleep == Sleep::kNone) return;
+    cache->c_extra->sleep = Sleep::kNone;  // one signal is enough
+  }
+  ConditionSignal(&cache->c_alloc_cond);
+}
+
 void DiscardBlock(Cache* cache, CacheBlock* block, const char* function) {
   MarkDead(block);
   CountOut(cache, block, function);

@@ -49,6 +49,7 @@ constexpr UInt kReservedPages = 5;       // stores need more free pages than thi
 constexpr UInt kArrayMost = 2147483647;  // bytes that a growable array holds
 constexpr int kIdleMilliseconds = 1000;  // the collector's longest sleep
 constexpr int kStoreAttempts = 10;       // pages that a store tries before it gives up
+constexpr ULong kAgeingPause = 10;       // milliseconds at least between two stores that have the histogram aged
 
 constexpr UInt kAllPolicies = QX_CACHE_NEWEST_WINS | QX_CACHE_KEEP_PAGES | QX_CACHE_TRUE_AGE;
 
@@ -103,6 +104,9 @@ struct CacheExtra {
   // Under c_dict_lock.
   alignas(64) ULong dict_changes;  // how often an entry of c_dict was replaced or removed; read without the lock too
   UInt front_victim;
+
+  // Under c_histo_mutex.
+  alignas(64) ULong ageing_due;  // the time from which on a store has the histogram aged
 
   // Under c_alloc_mutex.
   alignas(64) qxcache::Sleep sleep;
@@ -274,8 +278,9 @@ int GetHistogramIndex(const Cache* cache, ULong time);
 // Moves an object from the bucket of one time of access to that of another. Takes c_histo_mutex when they differ.
 void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time);
 
-// Counts a new object. Takes c_histo_mutex.
-void CountIn(Cache* cache, ULong now, size_t size);
+// Counts a new object. True when the collector, which ages the histogram whenever it wakes, is to be woken for that.
+// Takes c_histo_mutex.
+bool CountIn(Cache* cache, ULong now, size_t size);
 
 // Takes a block out of the counts, in the name of the function that drops it. Caller holds the p_mutex of its page.
 // Takes c_histo_mutex.
@@ -298,6 +303,9 @@ bool GCHighThreshold(const Cache* cache);
 
 // Whether the collector sleeps and would find work if it were woken. Caller holds c_alloc_mutex.
 bool GCWouldWork(const Cache* cache);
+
+// Wakes a collector that sleeps, so that it ages the histogram. Takes c_alloc_mutex.
+void GCWakeToAge(Cache* cache);
 
 // Ends the life of a block that the index does not name any more, in the name of `function`. Caller holds the p_mutex
 // of its page.

@@ -146,27 +146,31 @@ Boolean PageWriteBlock(Cache* cache, Page* page, FPrint key, KeyText keystr, con
   const size_t total = need + sizeof(CacheBlock);
   const ULong now = std::min(GetCurrentTimeMilliseconds(), kDead - 1);
 
-  const Lock page_lock(&page->p_mutex, LockRank::kPage);
-  if (total > PageRoom(page)) {
-    *tooLarge = cache->c_page_size < need + kEmptyPageOverhead;
-    return FALSE;
+  bool ageing_due;
+  {
+    const Lock page_lock(&page->p_mutex, LockRank::kPage);
+    if (total > PageRoom(page)) {
+      *tooLarge = cache->c_page_size < need + kEmptyPageOverhead;
+      return FALSE;
+    }
+    *tooLarge = FALSE;
+
+    // Linked first and filled then: in an emptied page p_last may lie inside the bytes that are about to be written.
+    CacheBlock* const block = BlockAt(page->p_alloc_ptr);
+    PageAddBlockUnlocked(page, block, total);
+    block->b_key = key;
+    block->b_size = need;
+    block->b_created = now;
+    block->b_expires = expires;
+    block->b_accessed = now;
+    block->b_page = page;
+    std::memcpy(KeyBytes(block), keystr.data(), keystr.size());
+    CopyBytes(KeyBytes(block) + keystr.size(), value, size);
+
+    IndexInsert(cache, key, block);
+    ageing_due = CountIn(cache, now, need);
   }
-  *tooLarge = FALSE;
-
-  // Linked first and filled then: in an emptied page p_last may lie inside the bytes that are about to be written.
-  CacheBlock* const block = BlockAt(page->p_alloc_ptr);
-  PageAddBlockUnlocked(page, block, total);
-  block->b_key = key;
-  block->b_size = need;
-  block->b_created = now;
-  block->b_expires = expires;
-  block->b_accessed = now;
-  block->b_page = page;
-  std::memcpy(KeyBytes(block), keystr.data(), keystr.size());
-  CopyBytes(KeyBytes(block) + keystr.size(), value, size);
-
-  IndexInsert(cache, key, block);
-  CountIn(cache, now, need);
+  if (ageing_due) GCWakeToAge(cache);  // which takes a lock that is taken alone
   return TRUE;
 }
 

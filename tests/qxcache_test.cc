@@ -458,6 +458,43 @@ TEST(PageLists, ATakenPageWakesACollectorThatWouldFindWork) {
   EXPECT_EQ(SignalsFor(Sleep::kNone, 3, 50.0, 70.0), 0);
 }
 
+TEST(QXCacheStore, WakesASleepingCollectorForTheHistogramOncePerTenMilliseconds) {
+  support::faults::ClockSet(5000000);
+  const QuietCache cache({.region_size = 20, .generation = 100});
+  const auto signals_at = [&cache](ULong now, qxcache::Sleep sleep) {
+    support::faults::ClockSet(now);
+    cache->c_extra->sleep = sleep;
+    signals_sent = 0;
+    EXPECT_TRUE(cache.Store("k", "v"));
+    return signals_sent.load();
+  };
+  using qxcache::Sleep;
+  EXPECT_EQ(signals_at(5000100, Sleep::kIdle), 0);  // the first generation: nothing would be aged
+  EXPECT_EQ(signals_at(5000101, Sleep::kIdle), 1);
+  EXPECT_EQ(cache->c_extra->sleep, Sleep::kNone);
+  EXPECT_EQ(signals_at(5000110, Sleep::kIdle), 0);
+  EXPECT_EQ(signals_at(5000111, Sleep::kIdle), 1);
+  EXPECT_EQ(signals_at(5000121, Sleep::kNone), 0);
+  EXPECT_EQ(signals_at(5009999, Sleep::kIdle), 1);
+  support::faults::ClockReal();
+}
+
+// Were it not woken, the collector would sleep for a second after the creation.
+TEST(QXCacheStore, TheHistogramIsAgedBehindAStoreAtOnce) {
+  Cache* const cache = support::NewCache({.region_size = 20, .generation = 20});
+  const auto start = std::chrono::steady_clock::now();
+  while (Seconds(start) < 0.05) usleep(1000);
+  EXPECT_TRUE(QXCacheStore(cache, Bytes("k"), Bytes("v"), 1, kNever));
+  UInt young = 1;
+  while (young != 0 && Seconds(start) < 0.6) {
+    usleep(1000);
+    const qxcache::Lock lock(&cache->c_histo_mutex, qxcache::LockRank::kHistogram);
+    young = cache->c_age_histogram[0];
+  }
+  EXPECT_EQ(young, 0u);
+  QXCacheDelete(cache);
+}
+
 TEST(PageLists, OnlyATakenFreePageWakesTheCollector) {
   const QuietCache cache({.region_size = 6});
   cache->c_extra->sleep = qxcache::Sleep::kFruitless;
