@@ -262,6 +262,27 @@ size_t Find(const AttrDict& adict, Id id) {
   return Inside(adict, record) ? record : kOutside;
 }
 
+using Places = std::array<size_t, kGroup>;
+
+// Finds where the records of a group are, of which there are `count`, and gives how many come before the first that is
+// not inside the data. All are found before one is visited: what a visitor does with lengths that the processor cannot
+// guess need not wait for the next one.
+UInt FindGroup(const AttrDict& adict, size_t record, UInt count, Places* places) {
+  if (record < adict.a_roomy) [[likely]] {
+    for (size_t& place : *places) {
+      place = record;
+      record = Next(adict, record);
+    }
+    return count;
+  }
+  UInt inside = 0;
+  for (; inside < count && Inside(adict, record); inside++) {
+    (*places)[inside] = record;
+    record = Next(adict, record);
+  }
+  return inside;
+}
+
 // The words of the index for so many identifiers, its last one included.
 size_t IndexWords(UInt size) { return (size_t{size} + kGroup - 1) / kGroup + 1; }
 
@@ -362,16 +383,18 @@ UInt AttrDictEnumerate(const AttrDict* adict, Id startPoint, AttrDictEnumerateFu
   QX_ASSERT_TEXT(adict != nullptr, "adict != ((void *)0)");
   if (adict->a_dat == nullptr) return 0;
   QX_ASSERT_TEXT(startPoint < adict->a_size, "id < adict->a_size");
-  size_t record = 0;
-  for (Id id = startPoint; id < adict->a_indexed; id++) {
-    if (id % kGroup == 0) {
-      record = adict->a_idx[id / kGroup];
-    } else {
-      record = id == startPoint ? Find(*adict, id) : Next(*adict, record);
+  UInt skips = startPoint % kGroup;
+  for (size_t first = startPoint - skips; first < adict->a_indexed; first += kGroup) {
+    const UInt count = static_cast<UInt>(std::min(size_t{kGroup}, adict->a_indexed - first));
+    Places places;
+    const UInt inside = FindGroup(*adict, adict->a_idx[first / kGroup], count, &places);
+    for (UInt i = skips; i < inside; i++) {
+      UByte* record = adict->a_dat + places[i];
+      const UInt stop = fun(record + 1, *record, ptr);
+      if (stop != 0) return stop;
     }
-    if (!Inside(*adict, record)) return 0;  // so that the visitor's count of calls tells it the identifier
-    const UInt stop = fun(adict->a_dat + record + 1, adict->a_dat[record], ptr);
-    if (stop != 0) return stop;
+    if (inside < count) return 0;  // so that the visitor's count of calls tells it the identifier
+    skips = 0;
   }
   return 0;
 }
