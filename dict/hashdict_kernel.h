@@ -193,6 +193,24 @@ inline ULong ProbeValue(const UByte* bytes, UInt len) {
   return p;
 }
 
+// The same modulo 2^16, which is all that a code of one or two bytes has of it, in lanes of 16 bits.
+inline ULong ProbeValueShort(const UByte* bytes, UInt len) {
+  using Shorts = UShort __attribute__((vector_size(16)));
+  using EightBytes = UByte __attribute__((vector_size(8)));
+  // 257^k = 1 + 256 k modulo 2^16; the first byte has the highest power.
+  constexpr Shorts kPowers = {0x701, 0x601, 0x501, 0x401, 0x301, 0x201, 0x101, 1};
+  constexpr UShort k8 = 0x801;
+  if (std::endian::native != std::endian::little || len < 8) return ProbeValue(bytes, len);
+  const UInt head = (len - 1) % 8 + 1;
+  const auto lanes = [](ULong eight) { return __builtin_convertvector(std::bit_cast<EightBytes>(eight), Shorts); };
+  Shorts p = lanes(Load<ULong>(bytes) << 8 * (8 - head));
+  for (UInt i = head; i < len; i += 8) p = p * k8 + lanes(Load<ULong>(bytes + i));
+  p *= kPowers;
+  UShort sum = 0;
+  for (UInt i = 0; i < 8; i++) sum = static_cast<UShort>(sum + p[i]);
+  return sum;
+}
+
 }  // namespace hashdict
 
 #endif

@@ -261,11 +261,13 @@ TEST(HashDictProbeValue, IsTheKeyInBase257) {
     ULong p = 0;
     for (const char byte : key) p = p * 257 + static_cast<UByte>(byte);
     RC_ASSERT(hashdict::ProbeValue(support::Bytes(key), static_cast<UInt>(key.size())) == p);
+    RC_ASSERT(hashdict::ProbeValueShort(support::Bytes(key), static_cast<UInt>(key.size())) % 65536 == p % 65536);
   }));
   const std::string ones(100, '\xFF');
   ULong p = 0;
   for (UInt length = 0; length <= 100; length++) {
     EXPECT_EQ(hashdict::ProbeValue(support::Bytes(ones), length), p) << length;
+    EXPECT_EQ(hashdict::ProbeValueShort(support::Bytes(ones), length) % 65536, p % 65536) << length;
     p = p * 257 + 255;
   }
 }
