@@ -98,11 +98,9 @@ bool ProbeMatches(const HashDict& hdict, Id id, ULong p) {
 // What the function values of a key's vertices make of it.
 Id Answer(const HashDict& hdict, Id id, const UByte* bytes, UInt len) {
   if (hdict.h_probe == 0) return id;
+  if (id >= hdict.h_nentries) return HASHDICT_NOT_FOUND;
   const ULong p = hdict.h_probe <= 2 ? ProbeValueShort(bytes, len) : ProbeValue(bytes, len);
-  // One branch for both, guessed before the code has come: of foreign keys half have numbers, at random.
-  const bool inside = id < hdict.h_nentries;
-  const bool matches = ProbeMatches(hdict, inside ? id : 0, p);
-  return static_cast<UInt>(inside) & static_cast<UInt>(matches) ? id : HASHDICT_NOT_FOUND;
+  return ProbeMatches(hdict, id, p) ? id : HASHDICT_NOT_FOUND;
 }
 
 [[gnu::noinline]] Id FindSlow(const HashDict& hdict, const UByte* bytes, UInt len) {
