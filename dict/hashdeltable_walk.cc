@@ -50,7 +50,10 @@ UInt HashDelTableIteratorGetKey(const HashDelTableIterator* it, const UByte** kL
 
 void HashDelTableIteratorNext(HashDelTableIterator* it) {
   // An iterator at the end stays there, where the next insertion puts its entry.
-  if (const size_t next = heap::Next(*it->t_hash, it->t_offset); next != 0) it->t_offset = static_cast<UInt>(next);
+  const size_t next = heap::Next(*it->t_hash, it->t_offset);
+  if (next == 0) return;
+  it->t_offset = static_cast<UInt>(next);
+  heap::FetchFrom(*it->t_hash, next);
 }
 
 void HashDelTableIteratorFinalize(HashDelTableIterator* it) { UnAllocate_(it, kModule, __LINE__); }

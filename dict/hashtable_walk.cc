@@ -37,7 +37,10 @@ UInt HashTableIteratorGetKey(const HashTableIterator* it, const UByte** kLen) {
 
 void HashTableIteratorNext(HashTableIterator* it) {
   // An iterator at the end stays there, where the next insertion puts its entry.
-  if (const size_t next = heap::Next(*it->t_hash, it->t_offset); next != 0) it->t_offset = static_cast<UInt>(next);
+  const size_t next = heap::Next(*it->t_hash, it->t_offset);
+  if (next == 0) return;
+  it->t_offset = static_cast<UInt>(next);
+  heap::FetchFrom(*it->t_hash, next);
 }
 
 void HashTableIteratorFinalize(HashTableIterator* it) { UnAllocate_(it, kModule, __LINE__); }

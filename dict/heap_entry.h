@@ -74,9 +74,9 @@ inline Key DecodeKey(const UByte* field, UByte key_size) {
   return {field, length};
 }
 
-// The key of the entry at `at`, if the entry lies inside the heap.
+// KeyAt, for every entry.
 template <typename Table>
-Key KeyAt(const Table& table, size_t at) {
+[[gnu::noinline]] Key AnyKeyAt(const Table& table, size_t at) {
   const size_t end = table.t_data_size;
   const size_t field = at + table.t_val_len;  // cannot wrap: both have 32 bits, or `at` is inside the heap
   Key key;
@@ -96,6 +96,20 @@ Key KeyAt(const Table& table, size_t at) {
   return key;
 }
 
+// The key of the entry at `at`, if the entry lies inside the heap. Most keys are short enough for a length of one byte
+// and lie so far from the heap's end that any such length is good.
+template <typename Table>
+Key KeyAt(const Table& table, size_t at) {
+  constexpr size_t kLongest = 0xFF >> 1;
+  const size_t field = at + table.t_val_len;
+  if (table.t_key_size == 0 && field + 1 + kLongest <= table.t_data_size) [[likely]] {
+    const UByte* bytes = table.t_data + field;
+    if ((*bytes & 1) == 0) [[likely]]
+      return {bytes + 1, UInt{*bytes} >> 1};
+  }
+  return AnyKeyAt(table, at);
+}
+
 // Whether an entry's value, which is what callers are handed, lies inside the heap. Does not touch the entry.
 template <typename Table>
 bool HoldsValue(const Table& table, size_t at) {
@@ -113,6 +127,14 @@ size_t Next(const Table& table, size_t at) {
   const size_t end = static_cast<size_t>(key.bytes - table.t_data) + key.length;
   const size_t next = table.t_aligned ? RoundUp(end) : end;
   return next > at && next <= kHeapLimit ? next : 0;
+}
+
+// Has the processor fetch what a walk that has come to `at` will soon read. It would do so by itself, but not as far as
+// into its nearest cache; there may be nothing there.
+template <typename Table>
+void FetchFrom(const Table& table, size_t at) {
+  constexpr size_t kAhead = 2048;
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(table.t_data) + at + kAhead));
 }
 
 // Whether a walk that has come to `at` is over. Unlike Next it takes a key length field of forbidden width for granted,
@@ -259,6 +281,7 @@ void Rehash(const Table& table, void* ptr, Locate locate, Fetch fetch, Place pla
       const auto& oldest = ring[placed++ % kAhead];
       if (!place(oldest.slot, oldest.offset, oldest.hash)) return;
     }
+    FetchFrom(table, next);
     const Key key = KeyAt(table, at);
     const UInt hash = Hash(table, key.bytes, key.length, ptr);
     const UInt slot = locate(hash);
@@ -275,6 +298,7 @@ void Rehash(const Table& table, void* ptr, Locate locate, Fetch fetch, Place pla
 template <typename Table>
 UInt Enumerate(const Table& table, size_t offset, HashEnumerateFunction fun, void* ptr) {
   for (size_t next; (next = Next(table, offset)) != 0; offset = next) {
+    FetchFrom(table, next);
     if (const UInt stop = fun(table.t_data + offset, ptr); stop != 0) return stop;
   }
   return 0;
