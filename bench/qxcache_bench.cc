@@ -3,7 +3,7 @@
 //
 // Everybody copies values in and copies them out again, as ours does. The peers hold as many bytes of keys and values
 // as ours has memory. "fill" stores new keys. "hit" fetches keys that are all there, in another order than that of the
-// stores, "mix" is 95 fetches to 5 stores of keys that are there. "steady store" goes on storing in a full cache, so
+// stores; "mix" is 95 fetches to 5 stores of keys that are there. "steady store" goes on storing in a full cache, so
 // that for each value an older one must go; ours may refuse. "small" is a cache with memory for a quarter of the keys:
 // a miss is followed by a store, with an expiry where there is one, and what counts is how often a key was found. The
 // size is the number of keys.
@@ -196,10 +196,22 @@ size_t Passes(size_t keys) { return std::max<size_t>(1, 100000 / keys); }
 // Fewer where there are stores among the fetches: the memory is to hold them all.
 size_t MixPasses(size_t keys) { return std::min<size_t>(5, Passes(keys)); }
 
+// The next key of an order. Others are on their way from memory: whoever asks a cache has just made up his key.
+const std::string& KeyAt(const Input& input, const std::vector<uint32_t>& order, size_t i) {
+  if (i + 16 < order.size()) {
+    __builtin_prefetch(&input.keys[order[i + 16]]);
+    __builtin_prefetch(input.keys[order[i + 8]].data());
+  }
+  return input.keys[order[i]];
+}
+
 template <typename Contender>
 uint64_t StoreAll(Contender& cache, const Input& input, size_t size) {
   uint64_t stored = 0;
-  for (const uint32_t key : input.store_order) stored += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
+  for (size_t i = 0; i < input.store_order.size(); i++) {
+    const std::string& key = KeyAt(input, input.store_order, i);
+    stored += cache.Store(key, input.Value(input.store_order[i]), size) ? 1 : 0;
+  }
   return stored;
 }
 
@@ -210,12 +222,13 @@ uint64_t FetchAll(Contender& cache, const Input& input, const std::vector<uint32
   uint64_t sum = 0;
   unsigned until_store = store_every;
   for (size_t pass = 0; pass < passes; pass++) {
-    for (const uint32_t key : order) {
+    for (size_t i = 0; i < order.size(); i++) {
+      const std::string& key = KeyAt(input, order, i);
       if (store_every != 0 && --until_store == 0) {
         until_store = store_every;
-        sum += cache.Store(input.keys[key], input.Value(key), size) ? 1 : 0;
+        sum += cache.Store(key, input.Value(order[i]), size) ? 1 : 0;
       } else {
-        sum += cache.Fetch(input.keys[key], buffer.data(), size) + Word(buffer.data());
+        sum += cache.Fetch(key, buffer.data(), size) + Word(buffer.data());
       }
     }
   }

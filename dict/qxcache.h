@@ -164,7 +164,7 @@ typedef struct Cache {
  *
  * Cost: maps all regions and writes one header a page, so every page takes at least one page of the machine's memory at
  * once, the rest as it is filled. Beside the regions there is the index, 24 bytes a key, and in front of it a table of
- * 13 to 26 bytes a key, a sixteenth of `size` at most.
+ * 26 bytes a key, a sixteenth of `size` at most.
  */
 QX_API Cache* QXCacheNewWithParams(UInt regionSize, UInt pageSize, double safetyThreshold, double gcLowThreshold,
                                    double gcHighThreshold, UInt generationTime, ULong size);

@@ -91,7 +91,7 @@ int GetHistogramIndex(const Cache* cache, ULong time) {
   return age < QX_CACHE_BUCKETS ? static_cast<int>(age) : -1;
 }
 
-void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time) {
+void MoveInHistogram(Cache* cache, ULong old_time, ULong new_time) {
   if (HasPolicy(cache, QX_CACHE_TRUE_AGE)) {
     if (OfOneGeneration(cache, old_time, new_time)) return;
   } else if (GetHistogramIndex(cache, old_time) == GetHistogramIndex(cache, new_time)) {

@@ -1,11 +1,12 @@
 // What the files of the cache share: its locks, its constants, and the operations that cross from one to another.
 //
 //   qxcache.cc        life of a cache, the two page lists, what it tells of itself
-//   qxcache_index.cc  from a key to its block: the index, the table in front of it, the page of an address
+//   qxcache_front.h   from a key to its block without a lock: the table in front of the index, the page of an address
+//   qxcache_index.cc  the index, and what writes that table
 //   qxcache_store.cc  blocks: store, fetch, remove
 //   qxcache_gc.cc     the collector
 //   qxcache_age.cc    the age histogram
-//   qxcache_locks.cc  how the locks fail, and their order
+//   qxcache_locks.cc  the order of the locks, and how they fail
 //
 // Lock order, the only place where it stands:
 //
@@ -34,6 +35,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <span>
@@ -87,23 +90,24 @@ struct CollectorCounters {
 // What the library keeps of a cache beside its record. What is written often lies in cache lines of its own, away from
 // what every fetch reads.
 struct CacheExtra {
-  // Written at creation.
-  RegionArray spans;      // the regions in address order, neighbours merged
-  UInt page_size;         // c_page_size, whose cache line every store writes,
-  ULong page_reciprocal;  // and for remainders by it
-  ULong born;             // when the cache was created
-  ULong* front;           // the table in front of the index; null when it could not be had
-  ULong front_first;      // buckets of its first stage,
-  ULong front_most;       // and of the last
-  void* memory;           // that this record lies in
+  // What every fetch reads: written at creation, but for two fields that c_dict_lock guards and are read without, too.
+  alignas(64) RegionArray spans;  // the regions in address order, neighbours merged
+  ULong page_reciprocal;          // for remainders by
+  UInt page_size;                 // c_page_size, whose own cache line every store writes
+  UInt front_first_bits;          // 2^this: the buckets of the front at first
+  ULong* front;                   // the table in front of the index; null when it could not be had
+  ULong front_buckets;            // how many it has now; under c_dict_lock
+  UInt policy;                    // under c_dict_lock
 
-  // Written seldom: under c_dict_lock, read by everybody without.
-  UInt front_stage;
-  UInt policy;
+  // Written at creation.
+  ULong front_most;  // the buckets that the front may come to have
+  ULong born;        // when the cache was created
+  void* memory;      // that this record lies in
 
   // Under c_dict_lock.
   alignas(64) ULong dict_changes;  // how often an entry of c_dict was replaced or removed; read without the lock too
-  UInt front_victim;
+  UInt front_victim;               // counts displaced words,
+  UInt front_asked;                // and fetches that had to ask the tree
 
   // Under c_histo_mutex.
   alignas(64) ULong ageing_due;  // the time from which on a store has the histogram aged
@@ -121,9 +125,54 @@ namespace qxcache {
 
 enum class LockRank { kPage, kTargetPage, kIndex, kHistogram, kAlloc };
 
-void MutexLock(Mutex* mutex, LockRank rank);
-bool MutexTryLock(Mutex* mutex, LockRank rank);  // false, at once, when somebody holds it
-void MutexUnlock(Mutex* mutex);
+// A test that decides at every lock which thread goes on compiles the cache with QX_CACHE_SCHEDULES and defines this:
+// it returns when the calling thread may go on, and, if it is to wait, the mutex is free. Elsewhere nothing.
+#ifdef QX_CACHE_SCHEDULES
+void AtLock(Mutex* mutex, bool wait);
+#else
+inline void AtLock(Mutex*, bool) {}
+#endif
+
+// Debug builds follow the locks: in what order a thread takes and releases them, and, with CheckHeld, that the calling
+// thread holds one; where something is wrong the process ends. Elsewhere nothing.
+#ifdef QX_DEBUG_CHECKS
+void CheckOrder(LockRank rank);
+void NoteLocked(const Mutex* mutex, LockRank rank);
+void NoteUnlocked(const Mutex* mutex);
+void CheckHeld(const Mutex* mutex);
+#else
+inline void CheckOrder(LockRank) {}
+inline void NoteLocked(const Mutex*, LockRank) {}
+inline void NoteUnlocked(const Mutex*) {}
+inline void CheckHeld(const Mutex*) {}
+#endif
+
+// How the locks fail: the end of the process.
+[[noreturn]] void LockFailed(int error);
+[[noreturn]] void UnlockFailed(int error);
+
+inline void MutexLock(Mutex* mutex, LockRank rank) {
+  CheckOrder(rank);
+  AtLock(mutex, true);
+  if (const int error = pthread_mutex_lock(mutex); error != 0) LockFailed(error);
+  NoteLocked(mutex, rank);
+}
+
+// False, at once, when somebody holds it.
+inline bool MutexTryLock(Mutex* mutex, LockRank rank) {
+  CheckOrder(rank);
+  AtLock(mutex, false);
+  const int error = pthread_mutex_trylock(mutex);
+  if (error == EBUSY) return false;
+  if (error != 0) LockFailed(error);
+  NoteLocked(mutex, rank);
+  return true;
+}
+
+inline void MutexUnlock(Mutex* mutex) {
+  if (const int error = pthread_mutex_unlock(mutex); error != 0) UnlockFailed(error);
+  NoteUnlocked(mutex);
+}
 
 // Holds a mutex for the length of a scope.
 class Lock {
@@ -136,21 +185,6 @@ class Lock {
  private:
   Mutex* mutex_;
 };
-
-// A test that decides at every lock which thread goes on compiles the cache with QX_CACHE_SCHEDULES and defines this:
-// it returns when the calling thread may go on, and, if it is to wait, the mutex is free. Elsewhere nothing.
-#ifdef QX_CACHE_SCHEDULES
-void AtLock(Mutex* mutex, bool wait);
-#else
-inline void AtLock(Mutex*, bool) {}
-#endif
-
-// Debug builds: the calling thread holds the mutex, or the process ends. Elsewhere nothing.
-#ifdef QX_DEBUG_CHECKS
-void CheckHeld(const Mutex* mutex);
-#else
-inline void CheckHeld(const Mutex*) {}
-#endif
 
 // Counting without a lock. What only one thread writes needs no read-modify-write.
 inline void Bump(ULong* count) { __atomic_store_n(count, *count + 1, __ATOMIC_RELAXED); }
@@ -211,32 +245,19 @@ Boolean PageReadBlock(Cache* cache, FPrint key, KeyText keystr, UByteArray* dynb
 
 // The index: qxcache_index.cc.
 
-// Where the index has seen a key's block, and how to see whether it still does.
-struct Entry {
-  ULong address = kNoBlock;      // of the block; kNoBlock: there is none
-  ULong changes = 0;             // the state of the index when it said so,
-  const ULong* place = nullptr;  // or, when the front said so, the place of the word
-  ULong word = 0;                // and the word
-
-  bool FromFront() const { return place != nullptr; }
-};
+// What a look at the index or at the front of it has seen: qxcache_front.h.
+struct Entry;
 
 // Makes and measures the table in front of the index. The cache is not in use yet.
 void FrontInit(Cache* cache);
 size_t FrontBytes(const CacheExtra* extra);
 
-// Has the key's bucket on its way from memory while the caller does something else.
-void FrontPrefetch(const Cache* cache, FPrint key);
-
-// What the front has under `key`. The block may be another key's, which the caller sees when it holds the page.
-Entry FrontFind(const Cache* cache, FPrint key);
-
 // What the index has under `key`. Takes c_dict_lock.
 Entry IndexFind(Cache* cache, FPrint key);
 
-// Whether the index still names the block that it named in `entry`. Caller holds the p_mutex of the page that the block
-// was in: with the answer true, the block stays there until the mutex is released.
-bool StillNames(Cache* cache, FPrint key, const Entry& entry);
+// Whether the index still names the block that it named in `entry`, which came from the index itself. Caller holds the
+// p_mutex of the page that the block was in. Takes c_dict_lock, if at all.
+bool IndexStillNames(Cache* cache, FPrint key, const Entry& entry);
 
 // Makes the index name `block` under `key`. Takes c_dict_lock.
 void IndexInsert(Cache* cache, FPrint key, const CacheBlock* block);
@@ -260,8 +281,8 @@ bool IndexTake(Cache* cache, const CacheBlock* block);
 // c_dict_lock.
 void KeepHiddenBlocksHidden(Cache* cache);
 
-// The page that holds an address of one of the cache's blocks, without reading anything at that address.
-Page* PageOf(const Cache* cache, ULong address);
+// The span that holds an address of one of the cache's blocks.
+const Region* SpanOf(const CacheExtra* extra, ULong address);
 
 // Whether a policy is set. Under c_dict_lock the answer stays.
 inline bool HasPolicy(const Cache* cache, UInt policy) {
@@ -276,7 +297,14 @@ inline bool HasPolicy(const Cache* cache, UInt policy) {
 int GetHistogramIndex(const Cache* cache, ULong time);
 
 // Moves an object from the bucket of one time of access to that of another. Takes c_histo_mutex when they differ.
-void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time);
+void MoveInHistogram(Cache* cache, ULong old_time, ULong new_time);
+
+// The same, where nearly always nothing is to do: both times lie after the reference time.
+inline void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time) {
+  const bool base_is_fixed = !HasPolicy(cache, QX_CACHE_TRUE_AGE);
+  if (base_is_fixed && std::min(old_time, new_time) > cache->c_histo_updated) return;
+  MoveInHistogram(cache, old_time, new_time);
+}
 
 // Counts a new object. True when the collector, which ages the histogram whenever it wakes, is to be woken for that.
 // Takes c_histo_mutex.

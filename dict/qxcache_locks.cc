@@ -1,4 +1,4 @@
-// The locks of a cache: how they fail, and, in debug builds, in which order they are taken.
+// The locks of a cache: in which order they are taken, in debug builds, and how they fail.
 
 #include "dict/qxcache_internal.h"
 #include "dict/report.h"
@@ -8,9 +8,10 @@
 #include <cstdlib>
 
 namespace qxcache {
-namespace {
 
 #ifdef QX_DEBUG_CHECKS
+
+namespace {
 
 // The mutexes that the calling thread holds, in the order in which it took them: never more than two pages and a leaf.
 struct Held {
@@ -32,66 +33,38 @@ bool InOrder(LockRank rank) {
   return false;
 }
 
+}  // namespace
+
 void CheckOrder(LockRank rank) {
   QX_ASSERT_TEXT(held_count < kMostHeld && InOrder(rank), "the lock order of the cache is kept");
 }
 
-void Note(const Mutex* mutex, LockRank rank) { held[held_count++] = {mutex, rank}; }
+void NoteLocked(const Mutex* mutex, LockRank rank) { held[held_count++] = {mutex, rank}; }
 
-void Forget(const Mutex* mutex) {
+void NoteUnlocked(const Mutex* mutex) {
   QX_ASSERT_TEXT(held_count > 0 && held[held_count - 1].mutex == mutex, "the mutex taken last is released first");
   held_count--;
 }
 
-#else
-
-void CheckOrder(LockRank) {}
-void Note(const Mutex*, LockRank) {}
-void Forget(const Mutex*) {}
-
-#endif
-
-void LockFailed(int error) {
-  errno = error;  // perror tells the code of the failure, which the calls return instead of setting errno
-  std::perror("pthread_mutex_lock failed");
-  QX_ASSERT_IN(kModule, "MutexLock", false, "0");
-}
-
-}  // namespace
-
-#ifdef QX_DEBUG_CHECKS
 void CheckHeld(const Mutex* mutex) {
   for (size_t i = 0; i < held_count; i++) {
     if (held[i].mutex == mutex) return;
   }
   QX_ASSERT_TEXT(false, "the caller holds the mutex");
 }
+
 #endif
 
-void MutexLock(Mutex* mutex, LockRank rank) {
-  CheckOrder(rank);
-  AtLock(mutex, true);
-  if (const int error = pthread_mutex_lock(mutex); error != 0) LockFailed(error);
-  Note(mutex, rank);
+void LockFailed(int error) {
+  errno = error;  // perror tells the code of the failure, which the calls return instead of setting errno
+  std::perror("pthread_mutex_lock failed");
+  __assert_fail("0", kModule, __LINE__, "MutexLock");
 }
 
-bool MutexTryLock(Mutex* mutex, LockRank rank) {
-  CheckOrder(rank);
-  AtLock(mutex, false);
-  const int error = pthread_mutex_trylock(mutex);
-  if (error == EBUSY) return false;
-  if (error != 0) LockFailed(error);
-  Note(mutex, rank);
-  return true;
-}
-
-void MutexUnlock(Mutex* mutex) {
-  if (const int error = pthread_mutex_unlock(mutex); error != 0) {
-    errno = error;
-    std::perror("pthread_mutex_unlock failed");
-    std::exit(EXIT_FAILURE);  // NOLINT(concurrency-mt-unsafe): nothing is destroyed at exit that threads use
-  }
-  Forget(mutex);
+void UnlockFailed(int error) {
+  errno = error;
+  std::perror("pthread_mutex_unlock failed");
+  std::exit(EXIT_FAILURE);  // NOLINT(concurrency-mt-unsafe): nothing is destroyed at exit that threads use
 }
 
 }  // namespace qxcache

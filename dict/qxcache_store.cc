@@ -9,6 +9,7 @@
 
 #include "dict/qxcache.h"
 
+#include "dict/qxcache_front.h"
 #include "dict/qxcache_internal.h"
 #include "dict/report.h"
 
@@ -19,7 +20,7 @@ namespace qxcache {
 namespace {
 
 constexpr size_t kCacheLine = 64;
-constexpr size_t kPrefetchedLines = 8;  // of a block: header, key and the beginning of the value
+constexpr size_t kPrefetchedLines = 4;  // of a block: header, key and the beginning of the value
 
 constexpr size_t RoundUp(size_t size) { return (size + kBlockAlignment - 1) & ~(kBlockAlignment - 1); }
 
@@ -72,10 +73,10 @@ enum class Look {
   kStranger  // the front took another key for this one: the index knows more
 };
 
-// Locks the page that the index, or the front of it, has named in `entry`, and lets `visit` see the block if it is
-// still the key's.
-template <typename Visit>
-Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Visit visit) {
+// Locks the page that the index, or the front of it, has named in `entry`, calls `held` when it has a block, whosever,
+// and lets `visit` see the block if it is still the key's.
+template <typename Held, typename Visit>
+Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Held held, Visit visit) {
   Page* const page = PageOf(cache, entry.address);
   CacheBlock* const block = BlockAt(reinterpret_cast<UByte*>(entry.address));
   __builtin_prefetch(page, 1);
@@ -83,6 +84,7 @@ Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Visit vi
   const ULong now = GetCurrentTimeMilliseconds();  // while both are on their way
   const Lock page_lock(&page->p_mutex, LockRank::kPage);
   if (!StillNames(cache, key, entry)) return Look::kMoved;
+  held();
   if (entry.FromFront() && block->b_key != key) return Look::kStranger;
   if (!HasKey(block, key, text)) return Look::kForeign;
   visit(block, now);
@@ -90,15 +92,15 @@ Look LookAt(Cache* cache, FPrint key, KeyText text, const Entry& entry, Visit vi
 }
 
 // Finds a key's block and lets `visit` see it, with its page locked, and the time at which it was found. False when
-// there is none.
-template <typename Visit>
-bool VisitBlock(Cache* cache, FPrint key, KeyText text, Visit visit) {
+// there is none. `held` is called when a page has just been locked and its block not been looked at yet.
+template <typename Held, typename Visit>
+bool VisitBlock(Cache* cache, FPrint key, KeyText text, Held held, Visit visit) {
   for (bool ask_front = true;;) {
     Entry entry;
     if (ask_front) entry = FrontFind(cache, key);
     if (entry.address == kNoBlock) entry = IndexFind(cache, key);
     if (entry.address == kNoBlock) return false;
-    const Look look = LookAt(cache, key, text, entry, visit);
+    const Look look = LookAt(cache, key, text, entry, held, visit);
     if (look == Look::kDone || look == Look::kForeign) return look == Look::kDone;
     ask_front = look != Look::kStranger;
   }
@@ -111,13 +113,14 @@ Boolean UseBlock(Cache* cache, FPrint key, KeyText text, Use use) {
   bool expired = false;
   Boolean result = FALSE;
   ULong old_time = 0, new_time = 0;
-  const bool there = VisitBlock(cache, key, text, [&](CacheBlock* block, ULong now) {
+  // The time of the access is read when the page has been locked, but before the block is: reading the clock waits for
+  // all loads from memory that have begun, and this way it does not wait for the block, nor does what follows it.
+  const auto held = [&] { new_time = GetCurrentTimeMilliseconds(); };
+  const bool there = VisitBlock(cache, key, text, held, [&](CacheBlock* block, ULong now) {
     expired = now >= block->b_expires;
     if (expired) return;
-    // Asking for a value is using it, also when it does not fit: the caller comes back with a larger buffer. The clock
-    // is read before the value is: it waits for all that is on its way from memory.
+    // Asking for a value is using it, also when it does not fit: the caller comes back with a larger buffer.
     old_time = block->b_accessed;
-    new_time = GetCurrentTimeMilliseconds();
     block->b_accessed = new_time;
     result = use(KeyBytes(block) + text.size(), block->b_size - text.size());
   });
@@ -244,7 +247,8 @@ Boolean QXCacheRemove(Cache* cache, const UByte* key) {
   KeepHiddenBlocksHidden(cache);  // first: what the index does not name from now on, it never will again
   for (bool hidden = true; hidden;) {
     bool live = false;
-    const bool there = VisitBlock(cache, fingerprint, text, [&](CacheBlock* block, ULong now) {
+    const auto nothing = [] {};
+    const bool there = VisitBlock(cache, fingerprint, text, nothing, [&](CacheBlock* block, ULong now) {
       hidden = !IndexTake(cache, block);  // a store over the key since we looked: that value is the one to remove
       if (hidden) return;
       live = now < block->b_expires;

@@ -8,6 +8,7 @@
 #include <set>
 #include <thread>
 
+#include "dict/qxcache_front.h"
 #include "dict/qxcache_internal.h"
 #include "support/cache_front.h"
 #include "support/faults.h"
@@ -28,7 +29,7 @@ using support::kNever;
 using support::Numbered;
 using support::QuietCache;
 
-// 64 KiB: the front has a bucket of 8 words in its first stage and 64 in its last.
+// 64 KiB: the front has two buckets of 8 words at first, and 64 at most.
 constexpr support::CacheParameters kSmall = {.region_size = 16, .page_size = 4096};
 
 // Fetches while this thread holds the index's lock, so only the front can answer.
@@ -43,15 +44,15 @@ std::string FetchWithoutIndex(const QuietCache& cache, const std::string& key) {
 
 TEST(CacheFront, IsMadeToTheCachesMeasure) {
   const QuietCache small(kSmall);
-  EXPECT_EQ(small->c_extra->front_first, 1u);
+  EXPECT_EQ(small->c_extra->front_buckets, 2u);
   EXPECT_EQ(small->c_extra->front_most, 64u);
   const QuietCache large({.region_size = 64, .page_size = 1048576});
-  EXPECT_EQ(large->c_extra->front_first, 512u);
+  EXPECT_EQ(large->c_extra->front_buckets, 512u);
   EXPECT_EQ(large->c_extra->front_most, 65536u);
   EXPECT_EQ(qxcache::FrontBytes(large->c_extra), 4194304u);  // a sixteenth
   const QuietCache tiny({.region_size = 6, .page_size = 152});
-  EXPECT_EQ(tiny->c_extra->front_first, 1u);
-  EXPECT_EQ(tiny->c_extra->front_most, 1u);
+  EXPECT_EQ(tiny->c_extra->front_buckets, 2u);
+  EXPECT_EQ(tiny->c_extra->front_most, 2u);
   const QuietCache none({.regions = 0});
   EXPECT_EQ(none->c_extra->front, nullptr);
 }
@@ -83,25 +84,72 @@ TEST(CacheFront, ForgetsABlockThatIsDropped) {
   EXPECT_EQ(cache.Fetch("key"), "(none)");
 }
 
+TEST(CacheFront, ABucketIsChosenByTheLowBitsOfTheFingerprint) {
+  const QuietCache cache(kSmall);
+  const CacheExtra* const extra = cache->c_extra;
+  const auto buckets_of = [extra](ULong buckets) {
+    std::vector<std::ptrdiff_t> indices;
+    for (FPrint key = 0; key < 9; key++) indices.push_back((qxcache::BucketOf(extra, key, buckets) - extra->front) / 8);
+    return indices;
+  };
+  EXPECT_EQ(buckets_of(2), (std::vector<std::ptrdiff_t>{0, 1, 0, 1, 0, 1, 0, 1, 0}));
+  EXPECT_EQ(buckets_of(3), (std::vector<std::ptrdiff_t>{0, 1, 2, 1, 0, 1, 2, 1, 0}));
+  EXPECT_EQ(buckets_of(4), (std::vector<std::ptrdiff_t>{0, 1, 2, 3, 0, 1, 2, 3, 0}));
+  EXPECT_EQ(buckets_of(5), (std::vector<std::ptrdiff_t>{0, 1, 2, 3, 4, 1, 2, 3, 0}));
+  EXPECT_EQ(buckets_of(8), (std::vector<std::ptrdiff_t>{0, 1, 2, 3, 4, 5, 6, 7, 0}));
+}
+
+// 20 keys for one bucket, each with a tag of its own: alike in the bits that choose the bucket, whatever their number.
+std::vector<std::string> KeysOfOneBucket() {
+  std::vector<std::string> keys;
+  for (int i = 10; i < 30; i++) keys.push_back("=000000000000" + std::to_string(i) + "00");
+  return keys;
+}
+
 TEST(CacheFront, AFullBucketGivesAWordUp) {
   const QuietCache cache(kSmall);
-  // 20 keys for one bucket: the low bits are alike in every stage.
-  std::vector<std::string> keys;
-  for (int i = 10; i < 30; i++) keys.push_back("=" + std::to_string(i) + "00000000000000");
+  const std::vector<std::string> keys = KeysOfOneBucket();
   for (const std::string& key : keys) ASSERT_TRUE(cache.Store(key, "of " + key));
-  EXPECT_EQ(CheckFront(cache.get()), 8u);  // of the nine since the 11th key, which began the third stage
+  EXPECT_EQ(CheckFront(cache.get()), 8u);
+  EXPECT_EQ(FetchWithoutIndex(cache, keys.back()), "of " + keys.back());  // a new word always finds a place
   for (int round = 0; round < 3; round++) {
     for (const std::string& key : keys) EXPECT_EQ(cache.Fetch(key), "of " + key);
     EXPECT_EQ(CheckFront(cache.get()), 8u);
   }
-  // Whom the index had to answer is in front of it the next time.
-  EXPECT_EQ(FetchWithoutIndex(cache, keys.back()), "of " + keys.back());
+}
+
+TEST(CacheFront, WhoHasToAskTheIndexTakesAPlaceOneTimeInEight) {
+  const QuietCache cache(kSmall);
+  const std::vector<std::string> keys = KeysOfOneBucket();
+  for (const std::string& key : keys) ASSERT_TRUE(cache.Store(key, "of " + key));
+  const FPrint first = Fingerprint(Bytes(keys[0]), 17);
+  EXPECT_FALSE(qxcache::FrontFind(cache.get(), first).FromFront());
+  int taken = 0;
+  for (int i = 0; i < 16; i++) {
+    qxcache::IndexFind(cache.get(), Fingerprint(Bytes(keys[static_cast<size_t>(i % 8)]), 17));
+    const bool in_front =
+        qxcache::FrontFind(cache.get(), Fingerprint(Bytes(keys[static_cast<size_t>(i % 8)]), 17)).FromFront();
+    taken += in_front ? 1 : 0;
+  }
+  EXPECT_EQ(taken, 2);
+  EXPECT_EQ(CheckFront(cache.get()), 8u);
+}
+
+TEST(CacheFront, WhoHadToAskTheIndexTakesAPlaceThatIsFree) {
+  const QuietCache cache(kSmall);
+  ASSERT_TRUE(cache.Store("key", "value"));
+  const FPrint key = Fingerprint(Bytes("key"), 3);
+  for (int round = 0; round < 10; round++) {
+    *const_cast<ULong*>(qxcache::FrontFind(cache.get(), key).place) = 0;
+    EXPECT_EQ(cache.Fetch("key"), "value");
+    EXPECT_EQ(FetchWithoutIndex(cache, "key"), "value");
+  }
 }
 
 TEST(CacheFront, AStrangerWithTheSameBitsIsNotTakenForTheKey) {
   const QuietCache cache(kSmall);
   // Alike in the bits that choose the bucket and in those that the word holds.
-  const std::string one = "=abcd000000010000", other = "=abcd000000020000", absent = "=abcd000000030000";
+  const std::string one = "=abcd000001000000", other = "=abcd000002000000", absent = "=abcd000003000000";
   ASSERT_TRUE(cache.Store(one, "1"));
   EXPECT_EQ(cache.Fetch(other), "(none)");
   ASSERT_TRUE(cache.Store(other, "2"));
@@ -130,65 +178,54 @@ TEST(CacheFront, FingerprintsOfAllZerosAndAllOnesAreFound) {
 
 TEST(CacheFront, GrowsWithTheIndexAndFindsEverythingAllTheWhile) {
   const QuietCache cache({.region_size = 64, .page_size = 4096});
-  EXPECT_EQ(cache->c_extra->front_first, 2u);
-  std::set<UInt> stages;
+  std::set<ULong> sizes;
   for (int i = 0; i < 2500; i++) {
     const std::string key = Numbered("key", i);
     ASSERT_TRUE(cache.Store(key, Numbered("value", i)));
-    stages.insert(cache->c_extra->front_stage);
+    sizes.insert(cache->c_extra->front_buckets);
     EXPECT_EQ(cache.Fetch(key), Numbered("value", i));
     if (i % 100 == 0) CheckFront(cache.get());
     const int earlier = i * 7 / 11;
     ASSERT_EQ(cache.Fetch(Numbered("key", earlier)), Numbered("value", earlier));
   }
-  EXPECT_EQ(stages, (std::set<UInt>{0, 1, 2, 3, 4, 5, 6, 7}));
+  EXPECT_EQ(sizes, (std::set<ULong>{2, 18, 34, 50, 66, 82, 98, 114, 130, 146, 162, 178, 194, 210, 226, 242, 256}));
   EXPECT_LE(CheckFront(cache.get()), 2048u);
-  EXPECT_GT(CheckFront(cache.get()), 1000u);
+  EXPECT_GT(CheckFront(cache.get()), 1900u);
 }
 
 // 64 buckets are all that there are; a table that is full of words goes on with them.
 TEST(CacheFront, StaysAtItsLargestSizeWhenThatIsFull) {
   const QuietCache cache(kSmall);
   for (int i = 0; i < 500; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), "v"));
-  EXPECT_EQ(cache->c_extra->front_stage, 6u);
+  EXPECT_EQ(cache->c_extra->front_buckets, 64u);
   EXPECT_LE(CheckFront(cache.get()), 512u);
   for (int i = 0; i < 500; i++) ASSERT_EQ(cache.Fetch(Numbered("key", i)), "v");
 }
 
-TEST(CacheFront, AStageIsFullWithFiveWordsABucket) {
+TEST(CacheFront, GrowsWhenTwoBucketsHaveMoreThanFiveKeysAndLosesNoWord) {
   const QuietCache cache(kSmall);
-  for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
-  EXPECT_EQ(cache->c_extra->front_stage, 0u);
+  for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), Numbered("value", i)));
+  EXPECT_EQ(cache->c_extra->front_buckets, 2u);
   EXPECT_EQ(CheckFront(cache.get()), 5u);
   ASSERT_TRUE(cache.Store("one more", ""));
-  EXPECT_EQ(cache->c_extra->front_stage, 1u);
-  EXPECT_EQ(CheckFront(cache.get()), 0u);  // all words so far are void
-  EXPECT_EQ(cache.Fetch("key3"), "");
-  EXPECT_EQ(CheckFront(cache.get()), 1u);
+  EXPECT_EQ(cache->c_extra->front_buckets, 18u);
+  EXPECT_EQ(CheckFront(cache.get()), 6u);
+  for (int i = 0; i < 5; i++) EXPECT_EQ(FetchWithoutIndex(cache, Numbered("key", i)), Numbered("value", i));
 }
 
-// Words of an older stage lie on in the table, and no fetch may take them for true.
-TEST(CacheFront, WordsOfAnOlderStageAreVoid) {
+TEST(CacheFront, AWordThatMovesToANewBucketBetweenTheTwoLooksSendsTheFetchBack) {
   const QuietCache cache(kSmall);
-  ASSERT_TRUE(cache.Store("key", "value"));
-  Page* const page = cache.Block("key")->b_page;
-  __atomic_store_n(&cache->c_extra->front_stage, 1, __ATOMIC_RELAXED);
-  qxcache::PageFreeBlocks(cache.get(), page);  // cannot find the word of stage 0 any more
-  std::memset(page->p_copy_ptr, 0xAA, 200);
-  EXPECT_EQ(cache.Fetch("key"), "(none)");
-}
-
-TEST(CacheFront, AStageThatEndsBetweenTheTwoLooksSendsTheFetchBack) {
-  const QuietCache cache(kSmall);
-  ASSERT_TRUE(cache.Store("key", "value"));
-  const FPrint key = Fingerprint(Bytes("key"), 3);
-  const qxcache::Entry entry = qxcache::FrontFind(cache.get(), key);
-  ASSERT_TRUE(entry.FromFront());
-  EXPECT_EQ(entry.address, cache.Indexed("key"));
-  EXPECT_TRUE(qxcache::StillNames(cache.get(), key, entry));
-  __atomic_store_n(&cache->c_extra->front_stage, 1, __ATOMIC_RELAXED);
-  EXPECT_FALSE(qxcache::StillNames(cache.get(), key, entry));
-  EXPECT_EQ(cache.Fetch("key"), "value");
+  const std::string last = "=0000000000000011";  // of the last of 18 buckets, of the second of two
+  ASSERT_TRUE(cache.Store(last, "value"));
+  const qxcache::Entry entry = qxcache::FrontFind(cache.get(), 0x11);
+  EXPECT_EQ(entry.place, cache->c_extra->front + 8);
+  EXPECT_EQ(entry.address, cache.Indexed(last));
+  EXPECT_TRUE(qxcache::StillNames(cache.get(), 0x11, entry));
+  for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
+  EXPECT_EQ(cache->c_extra->front_buckets, 18u);
+  EXPECT_FALSE(qxcache::StillNames(cache.get(), 0x11, entry));
+  EXPECT_EQ(qxcache::FrontFind(cache.get(), 0x11).place, cache->c_extra->front + 17 * 8);
+  EXPECT_EQ(FetchWithoutIndex(cache, last), "value");
 }
 
 TEST(CacheFront, AWordThatChangesBetweenTheTwoLooksSendsTheFetchBack) {
