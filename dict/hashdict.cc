@@ -117,25 +117,26 @@ inline Id FindHashed(const HashDict& hdict, Hashed hashed, const Triple& triple,
   return hashed == Hashed::kAbsent ? HASHDICT_NOT_FOUND : FindSlow(hdict, bytes, len);
 }
 
-// The look-up in a sound dictionary, of a key that its rows do not serve.
-[[gnu::noinline]] Id FindWithoutRows(const HashDict& hdict, const UByte* bytes, UInt len) {
-  RowsCount(hdict, 1);
+// The look-up in a sound dictionary without rows.
+template <Watch kWatch>
+inline Id FindFast(const HashDict& hdict, const UByte* bytes, UInt len) {
   Triple triple;
-  const Hashed hashed = HashFast<Watch::kTopBits>(hdict, bytes, len, &triple);
+  const Hashed hashed = HashFast<kWatch>(hdict, bytes, len, &triple);
   return FindHashed(hdict, hashed, triple, bytes, len);
 }
 
 // Many of them, kInFlight of which are between asking for memory and its use.
-void FindManySound(const HashDict& hdict, const Rows* rows, UInt n, const UByte* const* keys, const UInt* lens,
-                   Id* ids) {
+template <Watch kWatch>
+inline void FindManyFast(const HashDict& hdict, UInt n, const UByte* const* keys, const UInt* lens, Id* ids) {
   constexpr UInt kInFlight = 32;
+  const Rows* const rows = RowsOf(hdict);
   Triple vertices[kInFlight];
   Hashed hashed[kInFlight];
   for (UInt count; n > 0; n -= count, keys += count, lens += count, ids += count) {
     count = std::min(n, kInFlight);
     for (UInt i = 0; i < count; i++) {
       if (n - count > i) __builtin_prefetch(keys[count + i]);
-      hashed[i] = HashKey<Watch::kTopBits>(hdict, rows, keys[i], lens[i], &vertices[i]);
+      hashed[i] = HashKey<kWatch>(hdict, rows, keys[i], lens[i], &vertices[i]);
       if (hashed[i] == Hashed::kVertices) PrefetchFun(hdict, vertices[i]);
     }
     for (UInt i = 0; i < count; i++) {
@@ -148,6 +149,25 @@ void FindManySound(const HashDict& hdict, const Rows* rows, UInt n, const UByte*
     }
     for (UInt i = 0; i < count && hdict.h_probe != 0; i++) ids[i] = Answer(hdict, ids[i], keys[i], lens[i]);
   }
+}
+
+#ifdef QX_HAS_AVX2_TARGET
+[[gnu::target("avx2"), gnu::flatten]] Id FindFastAvx2(const HashDict& hdict, const UByte* bytes, UInt len) {
+  return FindFast<Watch::kLargest>(hdict, bytes, len);
+}
+
+[[gnu::target("avx2"), gnu::flatten]] void FindManyFastAvx2(const HashDict& hdict, UInt n, const UByte* const* keys,
+                                                            const UInt* lens, Id* ids) {
+  FindManyFast<Watch::kLargest>(hdict, n, keys, lens, ids);
+}
+#endif
+
+[[gnu::noinline]] Id FindWithoutRows(const HashDict& hdict, const UByte* bytes, UInt len) {
+#ifdef QX_HAS_AVX2_TARGET
+  if (__builtin_cpu_supports("avx2")) [[likely]]
+    return FindFastAvx2(hdict, bytes, len);
+#endif
+  return FindFast<Watch::kTopBits>(hdict, bytes, len);
 }
 
 // A channel's length prefix, through the channel's buffer.
@@ -182,9 +202,9 @@ UByte* ReadBlock(Channel* f, size_t length) {
 
 HashDict* HandleNew() { return static_cast<HashDict*>(Allocate_(sizeof(HashDict), nullptr, kModule, __LINE__)); }
 
-// A handle of ours may come to have rows, since it will be released by us.
-HashDict* CountFinds(HashDict* hdict) {
-  hdict->h_finds = 0;
+// Marks a handle that will be released by us, and what hangs on it too.
+HashDict* Ours(HashDict* hdict) {
+  hdict->h_released = TRUE;
   return hdict;
 }
 
@@ -229,7 +249,7 @@ HashDict* HashDictOpen(const char* dir, const char* name, const char* suffix) {
     return nullptr;
   }
   HashDict* hdict = HandleNew();
-  if (HashDictMemOpen_(hdict, static_cast<UByte*>(image), size, FALSE)) return CountFinds(hdict);
+  if (HashDictMemOpen_(hdict, static_cast<UByte*>(image), size, FALSE)) return Ours(hdict);
   // The mapping stays. Refused images are rare, and a caller that meets them often checks them before opening.
   UnAllocate_(hdict, kModule, __LINE__);
   errno = EINVAL;
@@ -245,7 +265,7 @@ Boolean HashDictFileRead(HashDict** hdictPtr, Channel* f) {
   HashDict* hdict = HandleNew();
   // A refused image keeps its buffer and handle, as HashDictOpen keeps the mapping.
   if (!HashDictMemOpen_(hdict, image, length, TRUE)) return FALSE;
-  *hdictPtr = CountFinds(hdict);
+  *hdictPtr = Ours(hdict);
   return TRUE;
 }
 
@@ -263,13 +283,12 @@ Boolean HashDictMMRead(HashDict** hdictPtr, UByte* base, UByte** from, UByte* en
   HashDict* hdict = HandleNew();
   if (!HashDictMemOpen_(hdict, at, length, TRUE)) return FALSE;
   *from = at + length;
-  *hdictPtr = CountFinds(hdict);
+  *hdictPtr = Ours(hdict);
   return TRUE;
 }
 
 Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength, [[maybe_unused]] Boolean fromMem) {
   *hdict = HashDict{};
-  hdict->h_finds = kRowsWorthwhile;
   hdict->h_created = FALSE;
   hdict->h_file = data;
   hdict->h_file_size = dataLength;
@@ -356,6 +375,14 @@ void HashDictFindMany(const HashDict* hdict, UInt n, const UByte* const* keys, c
     for (UInt i = 0; i < n; i++) ids[i] = FindSlow(*hdict, keys[i], lens[i]);
     return;
   }
-  RowsCount(*hdict, n);
-  FindManySound(*hdict, RowsOf(*hdict), n, keys, lens, ids);
+#ifdef QX_HAS_AVX2_TARGET
+  if (__builtin_cpu_supports("avx2")) return FindManyFastAvx2(*hdict, n, keys, lens, ids);
+#endif
+  FindManyFast<Watch::kTopBits>(*hdict, n, keys, lens, ids);
+}
+
+Boolean HashDictPrepare(HashDict* hdict) {
+  QX_ASSERT_TEXT(hdict != nullptr, "hdict != ((void *)0)");
+  if (hdict->h_rows == nullptr && IsSound(*hdict) && hdict->h_released) hdict->h_rows = RowsNew(*hdict);
+  return hdict->h_rows != nullptr ? TRUE : FALSE;
 }

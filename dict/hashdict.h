@@ -22,9 +22,9 @@
  * | `HashDictFileRead` | the buffer with the image     | `HashDictMemClose` |
  * | `HashDictMMRead`   | nothing: the caller's mapping | `HashDictMMFree`   |
  *
- * Threads: nothing that a caller may read in a handle changes after it was made, and any number of threads may look up
- * in it at once. A handle must not be released while look-ups run. Builds reset the process-wide `random()` generator
- * and must run one at a time.
+ * Threads: a handle does not change after it was made, and any number of threads may look up in it at once. A handle
+ * must not be prepared or released while look-ups run. Builds reset the process-wide `random()` generator and must run
+ * one at a time.
  *
  * Trust: reading checks that the image is as long as its header says and nothing else. A damaged image gives wrong
  * answers, or ends the process with the assertion "*pc0 <= m0" or "*pc1 <= m0"; it never makes a look-up read outside
@@ -67,8 +67,8 @@ typedef struct HashDict {
   Id h_sound;            /**< the library's: `h_size` when the arrays cover what the header promises, else 0 */
   ULong h_reciprocal[3]; /**< the library's: for remainders modulo m, m-1 and m-2 */
   ULong h_fun_mask;      /**< the library's: the low `h_nbits` bits */
-  ULong h_finds;         /**< the library's: look-ups so far, as long as they are counted */
-  void* h_rows;          /**< the library's: the coefficients as many look-ups want them; null: too few so far */
+  Boolean h_released;    /**< the library's: the handle ends in a function of it, and `h_rows` with it */
+  void* h_rows;          /**< the library's: the coefficients as many look-ups want them, or null */
 } HashDict;
 
 /**
@@ -202,11 +202,8 @@ QX_API Boolean HashDictMemOpen_(HashDict* hdict, UByte* data, size_t dataLength,
  *         probe codes below `h_nentries` and rarely, without them always and perhaps not below it
  *
  * Probe codes catch mistakes, not attacks: they are no keyed hash.
- * Cost: one step a key byte, then three independent memory accesses, and one more with probe codes. The 1,024th look-up
- * arranges a copy of the coefficients for those to come, which take two thirds of the time: 16 bytes for each position
- * and byte value of the keys, at most 1 MiB, released with the handle. It is done without where there is no memory, and
- * for a handle that `HashDictMemOpen_` filled in, since that one is never released. Otherwise look-ups allocate
- * nothing.
+ * Cost: one step a key byte, then three independent memory accesses, and one more with probe codes. Allocates nothing.
+ * A dictionary that is opened for many look-ups gains by `HashDictPrepare`.
  */
 QX_API Id HashDictFind(const HashDict* hdict, const UByte* bytes, UInt len);
 
@@ -337,6 +334,20 @@ QX_API Boolean HashDictCheck(const HashDict* hdict, const char** reason);
  */
 QX_API Boolean HashDictReplace(const HashDict* hdict, const char* dir, const char* name, const char* suffix,
                                Boolean swap);
+
+/**
+ * Addition: arranges a copy of the coefficients for look-ups, which then take about two thirds of the time and give the
+ * same. It pays from some thousand look-ups on. `HashDictBuild` does so by itself for 1,024 keys and more.
+ *
+ * Memory: 16 bytes for each position and byte value of the keys, and a kilobyte; at most 1 MiB; released with the
+ * handle. Time: proportional. Must not run beside look-ups in the same handle, nor twice at once.
+ *
+ * @param hdict  the dictionary, not null (asserted)
+ * @return TRUE when the dictionary is prepared, now or before. FALSE, and nothing has changed, when the copy would be
+ *         larger, when the header's numbers do not fit the image, or when the record was filled in by
+ *         `HashDictMemOpen_`, since nothing releases that one
+ */
+QX_API Boolean HashDictPrepare(HashDict* hdict);
 
 QX_END_DECLS
 

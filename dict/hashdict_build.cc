@@ -49,6 +49,7 @@ HashDict* HashDictInit(Id nentries, void* dict, DictKeyFun key, ULong maxvalue, 
   auto* hdict = static_cast<HashDict*>(Allocate_(sizeof(HashDict), nullptr, kModule, __LINE__));
   *hdict = HashDict{};
   hdict->h_created = TRUE;
+  hdict->h_released = TRUE;
   hdict->h_nentries = nentries;
   hdict->h_size = VertexCount(nentries);
   hdict->h_fun = static_cast<ULong*>(ArrayNew(ULong{hdict->h_size} + 1, maxvalue, &hdict->h_nbits, &hdict->h_fun_size));
@@ -83,7 +84,7 @@ void DrawCoefficients(HashDict* hdict) {
   for (ULong i = 0; i < count; i++) hdict->h_coef[i] = static_cast<Id>(random() % long{hdict->h_size});
 }
 
-// Rows for the coefficients just drawn, if there are keys enough to pay for them.
+// Rows for the coefficients just drawn, if there are keys enough to pay for them. Those of the last attempt stay.
 void RowsRenew(HashDict* hdict) {
   RowsDelete(hdict);
   if (hdict->h_nentries >= kRowsWorthwhile) hdict->h_rows = RowsNew(*hdict);
@@ -213,7 +214,6 @@ HashDict* HashDictBuild(Id nentries, void* dict, DictKeyFun key, DictValFun val,
   GraphAssign(graph, hdict, dict, val);
   GraphDelete(graph);
   HashDictProbe(hdict, dict, key, val);
-  RowsDelete(hdict);
   return hdict;
 }
 

@@ -16,6 +16,11 @@
 
 #include "dict/hashdict_internal.h"
 
+// Look-ups are compiled a second time for processors with AVX2, and the one to take is chosen as the program runs.
+#if defined(__x86_64__) && !defined(__AVX2__)
+#define QX_HAS_AVX2_TARGET
+#endif
+
 namespace hashdict {
 
 enum class Hashed { kVertices, kAbsent, kDamaged };
@@ -28,6 +33,7 @@ using SignedLanes = Int __attribute__((vector_size(16)));
 enum class Watch {
   kNothing,  // there are none: the dictionary is being built
   kTopBits,  // by differences from the largest good one
+  kLargest,  // by the largest one, where the processor has an instruction for that
 };
 
 // From sums of coefficients to remainders.
@@ -70,6 +76,7 @@ class CoefficientSums {
     for (UInt i = 0; i < kCount; i++, row += row_size_) {
       const auto coef = Load<Lanes>(row + ranks[i] * static_cast<ptrdiff_t>(sizeof(Triple)));
       if constexpr (kWatch == Watch::kTopBits) watched_ |= coef | (limit_ - coef);
+      if constexpr (kWatch == Watch::kLargest) watched_ = coef > watched_ ? coef : watched_;
       if constexpr (kSkipping) {
         const Int index = static_cast<Int>(i);
         sums_ += coef & reinterpret_cast<Lanes>(SignedLanes{index, index, index, index} >= skip);
@@ -88,7 +95,8 @@ class CoefficientSums {
   // A coefficient was above m - 1.
   bool Damaged() const {
     if constexpr (kWatch == Watch::kNothing) return false;
-    return (watched_[0] | watched_[1] | watched_[2]) >> 31 != 0;
+    const Lanes above = kWatch == Watch::kLargest ? watched_ | (limit_ - watched_) : watched_;
+    return (above[0] | above[1] | above[2]) >> 31 != 0;
   }
 
  private:

@@ -15,10 +15,6 @@ Lanes EntryOf(const HashDict& hdict, const UByte* triple) {
   return Lanes{a, b, c, good ? 0 : kDamagedEntry};
 }
 
-void RowsFree(Rows* rows) {
-  if (rows != nullptr) AnonArrayFree_(rows->block, kModule, __LINE__);
-}
-
 }  // namespace
 
 Rows* RowsNew(const HashDict& hdict) {
@@ -26,9 +22,7 @@ Rows* RowsNew(const HashDict& hdict) {
   const size_t row_size = longest * sizeof(Lanes);
   const size_t size = sizeof(Rows) + (size_t{hdict.h_nchars} + 1) * row_size;
   if (longest == 0 || size > kMaxRowsSize) return nullptr;
-  void* const block = AnonArrayGrow_(sizeof(ULong), 0, (size + sizeof(Lanes)) / sizeof(ULong), CHAR_BIT * sizeof(ULong),
-                                     nullptr, kModule, __LINE__);
-  if (block == nullptr) return nullptr;
+  void* const block = Allocate_(size + sizeof(Lanes), nullptr, kModule, __LINE__);
   auto* const rows =
       reinterpret_cast<Rows*>((reinterpret_cast<uintptr_t>(block) + sizeof(Lanes) - 1) / sizeof(Lanes) * sizeof(Lanes));
   rows->block = block;
@@ -51,23 +45,8 @@ Rows* RowsNew(const HashDict& hdict) {
 }
 
 void RowsDelete(HashDict* hdict) {
-  RowsFree(static_cast<Rows*>(hdict->h_rows));
+  if (hdict->h_rows != nullptr) UnAllocate_(RowsOf(*hdict)->block, kModule, __LINE__);
   hdict->h_rows = nullptr;
-}
-
-void RowsCount(const HashDict& hdict, UInt finds) {
-  // A handle lies in memory of the library's; what look-ups change in it is theirs alone.
-  auto& shared = const_cast<HashDict&>(hdict);
-  const ULong before = __atomic_load_n(&shared.h_finds, __ATOMIC_RELAXED);
-  if (before >= kRowsWorthwhile) return;
-  const ULong now = before + finds;
-  __atomic_store_n(&shared.h_finds, now, __ATOMIC_RELAXED);
-  if (now < kRowsWorthwhile) return;
-  Rows* const rows = RowsNew(hdict);
-  void* none = nullptr;
-  if (!__atomic_compare_exchange_n(&shared.h_rows, &none, rows, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
-    RowsFree(rows);  // another thread was faster
-  }
 }
 
 }  // namespace hashdict

@@ -7,8 +7,8 @@
 // byte of a key costs three instructions: fetch it, fetch its row, add. What an image may have that a sum cannot take
 // is told by the fourth lane: bytes that occur in no key are counted there, and coefficients out of range from 2^16 on.
 //
-// Rows are private to a process and come into being when a dictionary was asked often enough to pay for them. They hold
-// what the image held at that time.
+// Rows are made by a build of many keys, which keeps them, and by HashDictPrepare; never by a look-up. They hold what
+// the image held at that time.
 
 #ifndef DICT_HASHDICT_ROWS_H
 #define DICT_HASHDICT_ROWS_H
@@ -17,7 +17,7 @@
 
 namespace hashdict {
 
-constexpr UInt kRowsWorthwhile = 1024;            // look-ups in a dictionary that has none yet
+constexpr Id kRowsWorthwhile = 1024;              // keys in a dictionary that is built
 constexpr size_t kMaxRowsSize = size_t{1} << 20;  // larger ones leave the caches, and gain nothing
 
 struct alignas(Lanes) Rows {
@@ -26,19 +26,14 @@ struct alignas(Lanes) Rows {
   UInt row[kRanks];  // by byte: where its row is, in bytes from the end of this record
 };
 
-// Null when rows would be too large, or there is no memory for them: then there are none.
+// Null when there would be none, or they would be too large.
 Rows* RowsNew(const HashDict& hdict);
 
 // Releases those of a dictionary, if it has some; nobody else uses it.
 void RowsDelete(HashDict* hdict);
 
-// The dictionary's rows; null as long as there are none.
-inline const Rows* RowsOf(const HashDict& hdict) {
-  return static_cast<const Rows*>(__atomic_load_n(&hdict.h_rows, __ATOMIC_ACQUIRE));
-}
-
-// Counts look-ups, from any number of threads, and makes rows when there were enough.
-void RowsCount(const HashDict& hdict, UInt finds);
+// The dictionary's rows, or null.
+inline const Rows* RowsOf(const HashDict& hdict) { return static_cast<const Rows*>(hdict.h_rows); }
 
 // For each of eight bytes behind another: whether it counts.
 inline constexpr Lanes kNone = {0, 0, 0, 0}, kAll = {~0U, ~0U, ~0U, ~0U};

@@ -355,6 +355,12 @@ class Dict {
   /** What is wrong with an image from outside; nothing where it is sound. */
   std::optional<std::string_view> Damage() const { return detail::Damage<HashDictCheck>(get()); }
 
+  /**
+   * Arranges the dictionary for some thousand look-ups and more (HashDictPrepare); not beside look-ups. False when it
+   * has to be asked as it is.
+   */
+  bool Prepare() { return HashDictPrepare(get()) != FALSE; }
+
   Id size() const { return HashDictSize(get()); }
   UInt max_length() const { return HashDictMaxLength(get()); }
   /** Bytes in the image. */

@@ -196,6 +196,7 @@ TEST(HashDictPacked, AnArraysWidthIsThatOfItsLargestValue) {
 using hashdict::Hashed;
 using hashdict::Watch;
 
+// The look-ups of this processor take one way to notice damage; here both are asked, and the one without.
 constexpr Id kDamaged = 0xDDDDDDDD;
 constexpr Id kAbsent = 0xAAAAAAAA;
 
@@ -226,14 +227,17 @@ TEST(HashDictKernel, KeysOfEveryLengthHaveTheirNumbersHoweverDamageIsWatched) {
   for (Id idx = 0; idx < set.keys.size(); idx++) {
     EXPECT_EQ(FindBy<Watch::kNothing>(*hdict, set.keys[idx]), idx) << set.keys[idx];
     EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, set.keys[idx]), idx) << set.keys[idx];
+    EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, set.keys[idx]), idx) << set.keys[idx];
   }
   for (const size_t length : {1u, 3u, 4u, 7u, 8u, 9u, 15u, 16u, 17u, 40u}) {
     for (size_t at = 0; at < length; at++) {
       std::string key(length, 'a');
       key[at] = 'c';
       EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, key), kAbsent) << key;
+      EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, key), kAbsent) << key;
     }
   }
+  EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, std::string(41, 'a')), kAbsent);
   HashDictFree(hdict);
 }
 
@@ -249,6 +253,7 @@ TEST(HashDictKernel, ACoefficientOutOfRangeIsNoticedAtEveryPositionOfEveryLength
       for (Id length = 0; length <= 20; length++) {
         const Id expected = length > at / 3 ? kDamaged : length;
         EXPECT_EQ(FindBy<Watch::kTopBits>(*hdict, set.keys[length]), expected) << at << ' ' << bad;
+        EXPECT_EQ(FindBy<Watch::kLargest>(*hdict, set.keys[length]), expected) << at << ' ' << bad;
       }
       hdict->h_coef[at] = good;
     }

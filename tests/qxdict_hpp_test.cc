@@ -66,6 +66,14 @@ TEST(HppDict, GivesEachKeyItsPlace) {
   EXPECT_EQ(dict.Find("a key longer than every key"), std::nullopt);
 }
 
+TEST(HppDict, CanBePreparedForManyLookUps) {
+  const std::vector<std::string> words = {"one", "two", "three"};
+  qx::Dict dict = qx::Dict::Build(words, {.probe = 4});
+  EXPECT_TRUE(dict.Prepare());
+  for (Id i = 0; i < words.size(); i++) EXPECT_EQ(dict.Find(words[i]), i);
+  EXPECT_EQ(dict.Find("no such word"), std::nullopt);
+}
+
 TEST(HppDict, GivesEachKeyItsValue) {
   const std::vector<std::string_view> words = {"a", "b", "c"};
   const qx::Dict dict = qx::Dict::Build(words, std::vector<Id>{70000, 0, 7});
