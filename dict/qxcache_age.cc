@@ -112,13 +112,15 @@ bool CountIn(Cache* cache, ULong now, size_t size) {
   return AgeingIsDue(cache, now);
 }
 
-void CountOut(Cache* cache, const CacheBlock* block, const char* function) {
+void CountOut(Cache* cache, Blocks blocks, const char* function) {
   const Lock histogram(&cache->c_histo_mutex, LockRank::kHistogram);
-  TakeFromBucket(cache, GetHistogramIndex(cache, block->b_accessed));
-  QX_ASSERT_IN(kModule, function, cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size,
-               "cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size");
-  cache->c_nb_objects -= 1;
-  cache->c_total_size -= block->b_size;
+  for (const CacheBlock* block : blocks) {
+    TakeFromBucket(cache, GetHistogramIndex(cache, block->b_accessed));
+    QX_ASSERT_IN(kModule, function, cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size,
+                 "cache->c_nb_objects > 0 && cache->c_total_size >= block->b_size");
+    cache->c_nb_objects -= 1;
+    cache->c_total_size -= block->b_size;
+  }
 }
 
 void ShiftHistogram(Cache* cache) {

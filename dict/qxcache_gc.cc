@@ -20,9 +20,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace qxcache {
 namespace {
+
+constexpr size_t kBatch = 32;  // blocks
 
 // Percent of the pages that are free. Without any page there is no share of them. Caller holds c_alloc_mutex.
 double FreePercent(const Cache* cache) {
@@ -34,12 +37,64 @@ double FreePercent(const Cache* cache) {
 // The block is not among the living any more. Caller holds p_mutex.
 void MarkDead(CacheBlock* block) { block->b_created = kDead; }
 
-// Caller holds the p_mutex of its page.
-void Drop(Cache* cache, CacheBlock* block, const char* function) {
-  IndexDrop(cache, block);
-  DiscardBlock(cache, block, function);
-  Bump(&cache->c_extra->collector.dropped);
-}
+// Blocks that are dropped one behind the other leave the index under one lock, and the counts under another. What
+// comes between them in the page waits until they have: the order of all changes to the index is that of the blocks.
+class Drops {
+ public:
+  // Of one page, whose p_mutex the caller holds, in the name of `function`.
+  Drops(Cache* cache, const char* function) : cache_(cache), function_(function) {}
+  ~Drops() { Finish(); }
+  Drops(const Drops&) = delete;
+  Drops& operator=(const Drops&) = delete;
+
+  void Add(CacheBlock* block) {
+    if (count_ == kBatch) Finish();
+    blocks_[count_++] = block;
+  }
+
+  void Finish() {
+    if (count_ == 0) return;
+    const Blocks blocks(blocks_, count_);
+    IndexDrop(cache_, blocks);
+    DiscardBlocks(cache_, blocks, function_);
+    Bump(&cache_->c_extra->collector.dropped, count_);
+    count_ = 0;
+  }
+
+ private:
+  Cache* cache_;
+  const char* function_;
+  CacheBlock* blocks_[kBatch];
+  size_t count_ = 0;
+};
+
+// Goes through the living blocks of a page. Caller holds its p_mutex.
+class Walk {
+ public:
+  Walk(Cache* cache, Page* page) : cache_(cache), next_(PageFirstBlock(page)) {}
+
+  // The next block, or null.
+  CacheBlock* Next() {
+    while (next_ != nullptr && next_->b_created == kDead) next_ = next_->b_next;
+    if (next_ == nullptr) return nullptr;
+    if (warm_ == 0) Warm();
+    warm_--;
+    return std::exchange(next_, next_->b_next);
+  }
+
+ private:
+  void Warm() {
+    FPrint keys[kBatch];
+    for (const CacheBlock* block = next_; block != nullptr && warm_ < kBatch; block = block->b_next) {
+      if (block->b_created != kDead) keys[warm_++] = block->b_key;
+    }
+    IndexWarm(cache_, {keys, warm_});
+  }
+
+  Cache* cache_;
+  CacheBlock* next_;
+  size_t warm_ = 0;  // living blocks from the next one on whose entries in the index are at hand
+};
 
 // Appends a copy, which the index names from then on. Caller holds both pages' p_mutex and has seen that there is room.
 void Move(Cache* cache, CacheBlock* block, Page* to, const char* function) {
@@ -174,36 +229,39 @@ void GCWakeToAge(Cache* cache) {
   ConditionSignal(&cache->c_alloc_cond);
 }
 
-void DiscardBlock(Cache* cache, CacheBlock* block, const char* function) {
-  MarkDead(block);
-  CountOut(cache, block, function);
+void DiscardBlocks(Cache* cache, Blocks blocks, const char* function) {
+  for (CacheBlock* block : blocks) MarkDead(block);
+  CountOut(cache, blocks, function);
 }
 
 CopyOutcome PageCopyBlocks(Cache* cache, ULong limit, Page* page_full, Page* page_free) {
   const ULong now = GetCurrentTimeMilliseconds();
   Bump(&cache->c_extra->collector.passes);
   const PagePair locks(page_full, page_free);
-  for (CacheBlock* block = PageFirstBlock(page_full); block != nullptr; block = block->b_next) {
-    if (block->b_created == kDead) continue;
+  Drops drops(cache, __func__);
+  Walk walk(cache, page_full);
+  while (CacheBlock* const block = walk.Next()) {
     if (block->b_accessed <= limit || now >= block->b_expires || IndexHides(cache, block)) {
-      Drop(cache, block, __func__);
+      drops.Add(block);
     } else if (sizeof(CacheBlock) + block->b_size <= PageRoom(page_free)) {
+      drops.Finish();
       Move(cache, block, page_free, __func__);
     } else {
       // The rest waits for another page. The next pass walks all blocks again and skips those that are dead by then.
       return {.full_is_empty = false, .free_is_full = true};
     }
   }
+  drops.Finish();
   PageReset(page_full);
   return {.full_is_empty = true, .free_is_full = false};
 }
 
 void PageFreeBlocks(Cache* cache, Page* page) {
   const Lock page_lock(&page->p_mutex, LockRank::kPage);
-  for (CacheBlock* block = PageFirstBlock(page); block != nullptr; block = block->b_next) {
-    // A pass that ran out of free pages left this page half-copied.
-    if (block->b_created != kDead) Drop(cache, block, __func__);
-  }
+  Drops drops(cache, __func__);
+  Walk walk(cache, page);  // which skips dead blocks: a pass that ran out of free pages left this page half-copied
+  while (CacheBlock* const block = walk.Next()) drops.Add(block);
+  drops.Finish();
   PageReset(page);
 }
 

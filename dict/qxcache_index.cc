@@ -174,10 +174,17 @@ void IndexMove(Cache* cache, const CacheBlock* from, const CacheBlock* to) {
   Insert(cache, from->b_key, to);
 }
 
-void IndexDrop(Cache* cache, const CacheBlock* block) {
+void IndexDrop(Cache* cache, Blocks blocks) {
   const Lock index(&cache->c_dict_lock, LockRank::kIndex);
-  if (HasPolicy(cache, QX_CACHE_NEWEST_WINS) && !Names(cache, block)) return;
-  Remove(cache, block->b_key);
+  for (const CacheBlock* block : blocks) {
+    if (!HasPolicy(cache, QX_CACHE_NEWEST_WINS) || Names(cache, block)) Remove(cache, block->b_key);
+  }
+}
+
+void IndexWarm(Cache* cache, std::span<FPrint> keys) {
+  for (const FPrint key : keys) FrontPrefetch(cache, key);
+  const Lock index(&cache->c_dict_lock, LockRank::kIndex);
+  QXAVLLDictFindMany(cache->c_dict, keys.data(), keys.size(), kNoBlock, keys.data());
 }
 
 bool IndexTake(Cache* cache, const CacheBlock* block) {

@@ -187,7 +187,7 @@ class Lock {
 };
 
 // Counting without a lock. What only one thread writes needs no read-modify-write.
-inline void Bump(ULong* count) { __atomic_store_n(count, *count + 1, __ATOMIC_RELAXED); }
+inline void Bump(ULong* count, ULong by = 1) { __atomic_store_n(count, *count + by, __ATOMIC_RELAXED); }
 
 // The calling thread's share of the counters, or one that it shares with few.
 inline Counters* MyCounters(const Cache* cache) {
@@ -271,8 +271,16 @@ bool IndexHides(Cache* cache, const CacheBlock* block);
 // Makes the index name a block's copy. Under QX_CACHE_NEWEST_WINS only where it names the block. Takes c_dict_lock.
 void IndexMove(Cache* cache, const CacheBlock* from, const CacheBlock* to);
 
-// Removes the entry of a block's key. Under QX_CACHE_NEWEST_WINS only where it names the block. Takes c_dict_lock.
-void IndexDrop(Cache* cache, const CacheBlock* block);
+// Blocks of one page, in the order of their addresses, that are dropped together.
+using Blocks = std::span<CacheBlock* const>;
+
+// Removes the entries of the blocks' keys, one after the other. Under QX_CACHE_NEWEST_WINS only those that name the
+// block. Takes c_dict_lock.
+void IndexDrop(Cache* cache, Blocks blocks);
+
+// Has the index's entries of the keys on their way from memory, all at once, for whoever is about to change them one by
+// one. Takes c_dict_lock.
+void IndexWarm(Cache* cache, std::span<FPrint> keys);
 
 // Removes the entry that names a block; false, and nothing done, when none does. Takes c_dict_lock.
 bool IndexTake(Cache* cache, const CacheBlock* block);
@@ -310,9 +318,9 @@ inline void UpdateHistogram(Cache* cache, ULong old_time, ULong new_time) {
 // Takes c_histo_mutex.
 bool CountIn(Cache* cache, ULong now, size_t size);
 
-// Takes a block out of the counts, in the name of the function that drops it. Caller holds the p_mutex of its page.
-// Takes c_histo_mutex.
-void CountOut(Cache* cache, const CacheBlock* block, const char* function);
+// Takes blocks out of the counts, one after the other, in the name of the function that drops them. Caller holds the
+// p_mutex of their page. Takes c_histo_mutex.
+void CountOut(Cache* cache, Blocks blocks, const char* function);
 
 // Ages the histogram by the generations that have passed since the cache was created, under QX_CACHE_TRUE_AGE by those
 // that have passed since it was aged last. Takes c_histo_mutex.
@@ -335,9 +343,9 @@ bool GCWouldWork(const Cache* cache);
 // Wakes a collector that sleeps, so that it ages the histogram. Takes c_alloc_mutex.
 void GCWakeToAge(Cache* cache);
 
-// Ends the life of a block that the index does not name any more, in the name of `function`. Caller holds the p_mutex
-// of its page.
-void DiscardBlock(Cache* cache, CacheBlock* block, const char* function);
+// Ends the life of blocks that the index does not name any more, in the name of `function`. Caller holds the p_mutex of
+// their page.
+void DiscardBlocks(Cache* cache, Blocks blocks, const char* function);
 
 // How a copy pass ended: exactly one of them holds.
 struct CopyOutcome {

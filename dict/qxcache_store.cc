@@ -252,7 +252,7 @@ Boolean QXCacheRemove(Cache* cache, const UByte* key) {
       hidden = !IndexTake(cache, block);  // a store over the key since we looked: that value is the one to remove
       if (hidden) return;
       live = now < block->b_expires;
-      DiscardBlock(cache, block, "QXCacheRemove");
+      DiscardBlocks(cache, {&block, 1}, "QXCacheRemove");
     });
     if (!there) break;
     if (live) Count(cache, &Counters::removed);
