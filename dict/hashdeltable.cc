@@ -36,9 +36,14 @@ static_assert(offsetof(HashDelTable, t_key_size) == 80 && offsetof(HashDelTable,
 
 namespace hashdeltable {
 
-void NoteSlotCount(HashDelTable* table) {
-  table->t_divisor = table->t_nentries;
-  table->t_reciprocal = heap::Reciprocal(table->t_divisor);
+void SlotsAllocate(HashDelTable* table, UInt slots) {
+  const size_t tags_size = slots >= tags::kFewestSlots ? tags::SizeFor(slots) : 0;
+  const size_t size = sizeof(UInt) * slots + tags_size;
+  table->t_entries = static_cast<UInt*>(Allocate_(size, table->t_entries, kModule, __LINE__));
+  table->t_nentries = slots;
+  table->t_tags = nullptr;
+  table->t_divisor = slots;
+  table->t_reciprocal = heap::Reciprocal(slots);
 }
 
 }  // namespace hashdeltable
@@ -169,9 +174,13 @@ bool Holds(const HashDelTable& table, UInt slot, UInt value) {
   return slot < table.t_nentries && table.t_entries[slot] == value;
 }
 
+// Where the tags of a table are, if it has any.
+UByte* TagsPlace(const HashDelTable& table) { return reinterpret_cast<UByte*>(table.t_entries + table.t_nentries); }
+
 void EmptySlots(HashDelTable* table) {
   std::memset(table->t_entries, 0xFF, sizeof(UInt) * table->t_nentries);
-  tags::Reset(table, table->t_nentries, kModule);
+  table->t_tags = tags::Wanted(*table, table->t_nentries) ? TagsPlace(*table) : nullptr;
+  if (table->t_tags != nullptr) std::memset(table->t_tags, tags::kEmpty, tags::SizeFor(table->t_nentries));
 }
 
 // The capacity as far as it can be believed: an image may claim any.
@@ -253,10 +262,7 @@ void HashDelTableRewrite(HashDelTable* table) {
 void Rebuild(HashDelTable* table, UInt capacity, void* ptr) {
   if (table->t_deleted != 0) HashDelTableRewrite(table);
   table->t_nkeys_max = capacity;
-  table->t_nentries = Prime(heap::SlotsFor(capacity));
-  const size_t size = sizeof(UInt) * table->t_nentries;
-  table->t_entries = static_cast<UInt*>(Allocate_(size, table->t_entries, kModule, __LINE__));
-  NoteSlotCount(table);
+  SlotsAllocate(table, Prime(heap::SlotsFor(capacity)));
   EmptySlots(table);
   heap::Rehash(
       *table, ptr, [&](UInt hash) { return StartSlot(*table, hash); },
@@ -292,12 +298,8 @@ void HashDelTableInit(HashDelTable* table, UInt capacity, HashKeyFunction hash, 
   table->t_key_size = key_size;
   table->t_aligned = TRUE;
   table->t_nkeys_max = std::max(capacity, heap::kMinimumCapacity);
-  table->t_nentries = Prime(heap::SlotsFor(table->t_nkeys_max));
+  SlotsAllocate(table, Prime(heap::SlotsFor(table->t_nkeys_max)));
   table->t_data_size = size_t{5} * table->t_nentries;
-  NoteSlotCount(table);
-
-  const size_t slots_size = sizeof(UInt) * table->t_nentries;
-  table->t_entries = static_cast<UInt*>(Allocate_(slots_size, nullptr, kModule, __LINE__));
   table->t_data = static_cast<UByte*>(Allocate_(table->t_data_size, nullptr, kModule, __LINE__));
   EmptySlots(table);
   std::memset(table->t_data, 0, table->t_data_size);
@@ -318,7 +320,6 @@ void HashDelTableFree(HashDelTable* table) {
 void HashDelTableFinalize(HashDelTable* table) {
   UnAllocate_(table->t_data, kModule, __LINE__);
   UnAllocate_(table->t_entries, kModule, __LINE__);
-  tags::Drop(table, kModule);
   *table = {};
 }
 
@@ -328,7 +329,6 @@ void HashDelTableClear(HashDelTable* table) {
   if (table->t_nentries > kSmallTable || !holds_capacity) {
     UnAllocate_(table->t_entries, kModule, __LINE__);
     UnAllocate_(table->t_data, kModule, __LINE__);
-    tags::Drop(table, kModule);
     HashDelTableInit(table, heap::kMinimumCapacity, table->t_hash, table->t_value, table->t_equal, table->t_val_len,
                      table->t_key_size);
     return;
@@ -341,14 +341,17 @@ void HashDelTableClear(HashDelTable* table) {
 }
 
 HashDelTable* HashDelTableCopy(const HashDelTable* table) {
-  const size_t slots_size = sizeof(UInt) * table->t_nentries;
   auto* copy = static_cast<HashDelTable*>(Allocate_(sizeof(HashDelTable), nullptr, kModule, __LINE__));
   *copy = *table;
   copy->t_data = static_cast<UByte*>(Allocate_(table->t_data_size, nullptr, kModule, __LINE__));
-  copy->t_entries = static_cast<UInt*>(Allocate_(slots_size, nullptr, kModule, __LINE__));
   std::memcpy(copy->t_data, table->t_data, table->t_data_size);
-  std::memcpy(copy->t_entries, table->t_entries, slots_size);
-  tags::Duplicate(copy, copy->t_nentries, kModule);
+  copy->t_entries = nullptr;
+  SlotsAllocate(copy, table->t_nentries);
+  std::memcpy(copy->t_entries, table->t_entries, sizeof(UInt) * table->t_nentries);
+  if (table->t_tags != nullptr) {
+    copy->t_tags = TagsPlace(*copy);
+    std::memcpy(copy->t_tags, table->t_tags, tags::SizeFor(table->t_nentries));
+  }
   return copy;
 }
 

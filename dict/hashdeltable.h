@@ -95,9 +95,10 @@ typedef struct HashDelTableIterator {
  * @param key_size  bytes of the key length in the heap: 1 to 4, or 0 for 1 to 5 bytes as each key needs; a width above
  *                  4 fails the assertion "size <= 4" when the first key is stored
  *
- * Release: a record from `Allocate_` with `HashDelTableFree`, any other with `HashDelTableFinalize`.
+ * Release: a record from `Allocate_` with `HashDelTableFree`, any other with `HashDelTableFinalize`, or `t_data` and
+ * `t_entries` with `UnAllocate_`: it owns nothing else.
  *
- * Cost: 9 bytes of memory a slot, three slots for two keys.
+ * Cost: 10 bytes of memory a slot, three slots for two keys.
  */
 QX_API void HashDelTableInit(HashDelTable* table, UInt capacity, HashKeyFunction hash, HashValueFunction value,
                              HashEqualFunction equal, UInt val_len, UByte key_size);

@@ -11,7 +11,6 @@
 #include "dict/hashdeltable.h"
 #include "dict/hashdeltable_internal.h"
 #include "dict/report.h"
-#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 #include "util/io.h"
 
@@ -86,10 +85,7 @@ bool HeapMemRead(HashDelTable* table, UByte** from, UByte* end) {
 // Reads the slots, their array resized to their number: never without the bytes for them.
 bool SlotsMemRead(HashDelTable* table, UInt nentries, UByte** from, UByte* end) {
   if (BytesLeft(*from, end) / sizeof(UInt) < nentries) return Missing(from, end);
-  table->t_entries = static_cast<UInt*>(Allocate_(sizeof(UInt) * nentries, table->t_entries, kModule, __LINE__));
-  table->t_nentries = nentries;
-  tags::Drop(table, kModule);
-  NoteSlotCount(table);
+  SlotsAllocate(table, nentries);
   for (size_t s = 0; s < nentries; s++) table->t_entries[s] = IO_MemGetLE4(*from + sizeof(UInt) * s);
   *from += sizeof(UInt) * nentries;
   return true;

@@ -43,8 +43,10 @@ class Probe {
   size_t step_;
 };
 
-// Notes how to divide by the slot count; to be called whenever that changes.
-void NoteSlotCount(HashDelTable* table);
+// Gives the table a slot array of so many slots, in place of the one that it may have, and no tags. Their place is
+// behind the slots in the same block: the slots of a record that its owner has initialised are also freed by the owner,
+// who knows nothing of tags.
+void SlotsAllocate(HashDelTable* table, UInt slots);
 
 // Moves the live entries together and hashes them anew, at a capacity that is the old one up to 99474.
 void HashDelTableNormalize(HashDelTable* table, void* ptr);

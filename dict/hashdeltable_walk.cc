@@ -16,7 +16,6 @@
 #include "dict/hashdeltable_internal.h"
 #include "dict/heap_entry.h"
 #include "dict/report.h"
-#include "dict/slot_tags.h"
 #include "qxlib/misc.h"
 
 using namespace hashdeltable;
@@ -72,7 +71,7 @@ UInt HashDelTableSelect(HashDelTable* table, UInt count, HashSelectFunction sele
   if (table->t_deleted != 0) HashDelTableNormalize(table, ptr);
   const UInt slots = table->t_selected ? Chosen(*table) : table->t_nentries;
   table->t_selected = TRUE;
-  tags::Drop(table, kModule);
+  table->t_tags = nullptr;
   table->t_nkeys = heap::SelectInPlace(*table, slots, count, select, ptr);
   return table->t_nkeys;
 }

@@ -109,7 +109,7 @@ QX_API UInt HashBytes(const UByte* bytes, UInt len);
  * @return the table, to be released with `HashTableFree`; null, after a message, when a mapping fails or the capacity
  *         is above 1431655765, for which no slot count is known
  *
- * Cost: 9 bytes of memory a slot, three slots for two keys.
+ * Cost: 9 bytes of memory a slot, 10 where hash and equality are the defaults; three slots for two keys.
  */
 QX_API HashTable* HashTableNew(UInt capacity, HashKeyFunction hash, HashValueFunction value, HashEqualFunction equal,
                                UInt val_len, UByte key_size, Boolean vm);

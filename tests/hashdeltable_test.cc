@@ -15,6 +15,7 @@
 
 #include "support/death.h"
 #include "support/hashdeltable_model.h"
+#include "support/ledger.h"
 #include "support/messages.h"
 
 namespace {
@@ -97,6 +98,19 @@ TEST(HashDelTableNew, TakesACapacityOfAtLeastFive) {
 TEST(HashDelTableNew, TakesTheLowBitsOfTheKeySize) {
   EXPECT_EQ(New(5, 8, 0x102)->t_key_size, 2);
   EXPECT_EQ(New(5, 8, 0x100)->t_key_size, 0);
+}
+
+TEST(HashDelTableInit, WhatARecordOwnsIsItsHeapAndItsSlots) {
+  const support::Ledger ledger;
+  HashDelTable table;
+  HashDelTableInit(&table, 1000, nullptr, nullptr, nullptr, 8, 0);
+  HashDelTableGrow(&table, 1.5F, nullptr);
+  const UByte key = 'k';
+  EXPECT_NE(HashDelTableFind(&table, &key, 1, TRUE, nullptr, nullptr), nullptr);
+  EXPECT_EQ(ledger.blocks(), 2u);
+  UnAllocate_(table.t_data, "test", __LINE__);
+  UnAllocate_(table.t_entries, "test", __LINE__);
+  EXPECT_EQ(ledger.blocks(), 0u);
 }
 
 TEST(HashDelTableInitDeathTest, EndsTheProcessWhereTheSlotCountWouldWrap) {

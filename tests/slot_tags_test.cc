@@ -245,6 +245,10 @@ TEST(HashDelTableTags, GoWithSelectionsAndImagesAndComeBack) {
   UByte* from = image.t.elts;
   ASSERT_TRUE(HashDelTableMemRead(copy, &from, image.t.elts + image.t.length));
   EXPECT_EQ(copy->t_tags, nullptr);
+  HashDelTableClear(copy);  // an image's slots have a place for tags too
+  ExpectTagsInStep(*copy);
+  from = image.t.elts;
+  ASSERT_TRUE(HashDelTableMemRead(copy, &from, image.t.elts + image.t.length));
   EXPECT_NE(HashDelTableFind(copy, &key, 1, FALSE, nullptr, nullptr), nullptr);
   EXPECT_TRUE(HashDelTableRemove(copy, &key, 1, nullptr));
   HashDelTableGrow(copy, 2.0F, nullptr);
