@@ -22,6 +22,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "dict/choose.h"
 #include "dict/file_stream.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
@@ -254,8 +255,8 @@ size_t Find(const AttrDict& adict, Id id) {
   if (record < adict.a_roomy) [[likely]] {
     // Four records mostly reach into another line of memory: it is fetched together with the first.
     __builtin_prefetch(adict.a_dat + record + kLine);
-    // All three steps, and those too many of length 0: how many there are is at random, and a branch would guess wrong.
-    for (UInt i = 0; i < kGroup - 1; i++) record += (size_t{adict.a_dat[record]} + 1) & (i < skips ? ~size_t{0} : 0);
+    // All three steps, those too many on the spot: how many there are is at random, and a branch would guess wrong.
+    for (UInt i = 0; i < kGroup - 1; i++) record = qx::IfBelow(i, skips, Next(adict, record), record);
     return record;
   }
   for (UInt i = 0; i < skips && Inside(adict, record); i++) record = Next(adict, record);
@@ -373,10 +374,11 @@ UInt AttrDictSize(const AttrDict* adict) { return adict->a_size; }
 
 UByte AttrDictGet(const AttrDict* adict, Id id, const UByte** bytes) {
   if (adict == nullptr || id >= adict->a_indexed) return 0;
-  const size_t record = Find(*adict, id);
-  if (record == kOutside) return 0;
-  *bytes = adict->a_dat + record + 1;
-  return adict->a_dat[record];
+  const size_t place = Find(*adict, id);
+  if (place == kOutside) return 0;
+  const UByte* record = adict->a_dat + place;
+  *bytes = record + 1;
+  return *record;
 }
 
 UInt AttrDictEnumerate(const AttrDict* adict, Id startPoint, AttrDictEnumerateFunction fun, void* ptr) {

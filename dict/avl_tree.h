@@ -258,8 +258,8 @@ template <typename T>
 Neighbours SearchNeighbours(typename T::Dict* dict, typename T::Key v) {
   Neighbours near{kSentinel, kHeader, kHeader};
   near.found = tree::Search<T>(dict, v, [&near, v](const typename T::Node& node, Index x) {
-    near.hi = tree::IfBelow(v, node.n_key, x, near.hi);
-    near.lo = tree::IfBelow(node.n_key, v, x, near.lo);
+    near.hi = qx::IfBelow(v, node.n_key, x, near.hi);
+    near.lo = qx::IfBelow(node.n_key, v, x, near.lo);
   });
   return near;
 }

@@ -29,6 +29,7 @@
 #include <bit>
 #include <cstddef>
 
+#include "dict/choose.h"
 #include "dict/huge_pages.h"
 #include "dict/report.h"
 #include "qxlib/misc.h"
@@ -80,28 +81,14 @@ void ReplaceChild(Node& node, Index old, Index child) {
   }
 }
 
-// The choices that a search makes at every node are written out for x86-64: compilers make branches of them, whatever
-// the source asks for, and every other one would be guessed wrong.
-
-// x where a is below b, else y.
-template <typename Key>
-Index IfBelow(Key a, Key b, Index x, Index y) {
-#ifdef __x86_64__
-  __asm__("cmp %[b], %[a]\n\tcmovb %[x], %[y]" : [y] "+r"(y) : [a] "r"(a), [b] "rm"(b), [x] "rm"(x) : "cc");
-  return y;
-#else
-  return a < b ? x : y;
-#endif
-}
-
 // The child on the side where `v` belongs.
 template <typename Node, typename Key>
 Index Toward(const Node& node, Key v) {
-  return IfBelow(v, node.n_key, node.n_left, node.n_right) & kIndexMask;
+  return qx::IfBelow(v, node.n_key, node.n_left, node.n_right) & kIndexMask;
 }
 
 // Where a search for `v` goes from x, whose node this is: to the child on the side where `v` belongs, or nowhere when
-// it has arrived.
+// it has arrived. Both choices are written out, as in choose.h.
 template <typename Node, typename Key>
 Index Step(const Node& node, Key v, Index x) {
 #ifdef __x86_64__

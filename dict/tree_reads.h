@@ -59,7 +59,7 @@ Boolean LowerBound(const typename T::Dict* dict, typename T::Key v, typename T::
   Index above = 0;  // the last node on the way whose key is above v
   Index x = Root(dict);
   while (x != 0 && nodes[x].n_key != v) {
-    above = IfBelow(v, nodes[x].n_key, x, above);
+    above = qx::IfBelow(v, nodes[x].n_key, x, above);
     x = Toward(nodes[x], v);
   }
   if (x == 0) x = above;
