@@ -194,8 +194,9 @@ void Remove(const Names& names) {
   unlink(names.data.data());
 }
 
-// Gives a complete pair its place. False, with errno, when the pair there stands as it did and the new one is gone: the
-// data, which go first, are exchanged with those there, so that they can be put back when the index cannot follow.
+// Gives a complete pair its place, for good. False, with errno, when the pair there stands as it did and the new one is
+// gone: the data, which go first, are exchanged with those there, so that they can be put back when the index cannot
+// follow. False too when the names cannot be made stable; then the old data stay beside, as they do until that moment.
 bool TakePlace(const Names& from, const Names& to) {
   const bool vacant = IsFree(to.index) && IsFree(to.data);
   const bool exchanged = vacant && Exchange(from.data, to.data);
@@ -204,6 +205,7 @@ bool TakePlace(const Names& from, const Names& to) {
     return false;
   }
   if (rename(from.index.data(), to.index.data()) == 0) {
+    if (!qx::SyncDirectoryOf(to.data.data())) return false;
     if (exchanged) unlink(from.data.data());
     return true;
   }
@@ -436,6 +438,5 @@ Boolean AttrDictCommitAs(AttrDict* adict, const char* dir, const char* name) {
     Remove(from);
     return FALSE;
   }
-  if (!TakePlace(from, to)) return FALSE;
-  return qx::SyncDirectoryOf(to.data.data()) ? TRUE : FALSE;
+  return TakePlace(from, to) ? TRUE : FALSE;
 }

@@ -182,8 +182,8 @@ QX_API Boolean AttrDictCheck(const AttrDict* adict, const char** reason);
  *               `AttrDictCommit`
  * @return TRUE when the new pair is in place; FALSE, with `errno`, when not: the old pair is then as it was, and the
  *         files of the new one are removed. Only when the directory cannot be synced is the result FALSE with the new
- *         pair in place. Errors are those of `AttrDictCommit`, of formatting a path (EINVAL, ENAMETOOLONG) and of
- *         rename(2), EISDIR and EXDEV among them
+ *         pair in place, and the old data stay in the new pair's first name. Errors are those of `AttrDictCommit`, of
+ * formatting a path (EINVAL, ENAMETOOLONG) and of rename(2), EISDIR and EXDEV among them
  *
  * Dictionaries that are open stay as they are. Two files cannot change their names in one step: the data are renamed
  * first, and until the index follows, and after a process or machine that went down between, the new data stand beside

@@ -187,8 +187,9 @@ TEST_F(AttrDictCommitAsTest, SyncsBothFilesBeforeTheyAreRenamedAndTheDirectoryAf
   EXPECT_EQ(calls::synced, (std::vector<std::string>{"file", "file", "directory", "directory"}));
 }
 
-TEST_F(AttrDictCommitAsTest, ADirectoryThatCannotBeSyncedIsToldWithThePairInPlace) {
+TEST_F(AttrDictCommitAsTest, ADirectoryThatCannotBeSyncedIsToldWithThePairInPlaceAndTheOldDataBeside) {
   BuildOld();
+  const std::string old_data = support::ReadFile(dir_.file("words.dat"));
   AttrDict* adict = StartNew();
   calls::Reset();
   calls::fsync_error = EIO;
@@ -196,6 +197,8 @@ TEST_F(AttrDictCommitAsTest, ADirectoryThatCannotBeSyncedIsToldWithThePairInPlac
   EXPECT_EQ(AttrDictCommitAs(adict, dir(), "words"), FALSE);
   EXPECT_EQ(errno, EIO);
   calls::Reset();
+  EXPECT_EQ(support::ReadFile(dir_.file("words.new.dat")), old_data);
+  std::filesystem::remove(dir_.file("words.new.dat"));
   ExpectNew();
 }
 

@@ -94,6 +94,7 @@ class PowerCut : public ::testing::Test {
     const TemporaryDirectory dir;
     if (old != nullptr) {
       ASSERT_TRUE(Writer::Write(dir, *old));
+      if (Way::kMayBeRefused) old_data_ = support::ReadFile(dir.file("strings.dat"));
     }
     FailWhileWritingIn(dir, FirstNames::kSynced, old, strings);
   }
@@ -122,7 +123,8 @@ class PowerCut : public ::testing::Test {
  private:
   void Look(const DiskLog& log, size_t count, Unsynced unsynced, size_t names, const Strings* old,
             const Strings& strings) {
-    const auto& [is_new, is_old] = Ask(log.After(count, unsynced, names, &random_), old, strings);
+    const Files files = log.After(count, unsynced, names, &random_);
+    const auto& [is_new, is_old] = Ask(files, old, strings);
     whole_ += is_new == "whole" || is_old == "whole" ? 1 : 0;
     refused_ += is_new == "refused" ? 1 : 0;
     const std::string where = std::to_string(count) + " of " + std::to_string(log.events()) +
@@ -134,6 +136,9 @@ class PowerCut : public ::testing::Test {
     } else if (Way::kOldOrNew && old != nullptr) {
       EXPECT_TRUE(is_new == "whole" || is_old == "whole" || (Way::kMayBeRefused && is_new == "refused"))
           << is_new << ", " << is_old << " after " << where;
+      const auto holds_old = [this](const auto& file) { return file.second == old_data_; };
+      EXPECT_TRUE(is_new == "whole" || is_old == "whole" || std::ranges::any_of(files, holds_old))
+          << "the old strings are lost after " << where;
     }
   }
 
@@ -151,6 +156,7 @@ class PowerCut : public ::testing::Test {
     return known->second;
   }
 
+  std::string old_data_;
   std::mt19937 random_{11};
   std::map<Files, Answer> answers_;
 };
