@@ -106,29 +106,48 @@ Place SearchSlots(const HashDelTable& table, UInt start, const heap::KeyGiven<Ha
   return {kNoSlot, heap::kEmptySlot};
 }
 
-// The same by the tags: a slot whose tag is another is not looked at. Most ways end within the first four slots, which
-// do not depend on one another: their tags are fetched at once, and one branch decides about all.
-Place SearchTags(const HashDelTable& table, UInt start, UByte tag, const UByte* bytes, UInt len) {
-  constexpr UInt kAtOnce = 4;
-  Probe probe(table.t_nentries, start);
-  UInt slots[kAtOnce];
-  UInt empty = 0;
-  UInt equal = 0;
-  bool more = true;
-  for (UInt i = 0; i < kAtOnce; i++) {
-    slots[i] = probe.slot();
-    const UByte seen = table.t_tags[slots[i]];
-    empty |= UInt{seen == tags::kEmpty} << i;
-    equal |= UInt{seen == tag} << i;
-    more &= probe.Next();  // in a table whose slot count is no prime the way may be that short: it is gone round again
+// The first slots of a way, by their tags. Most ways end within them, and they do not depend on one another: their tags
+// are fetched at once, and one branch decides about all.
+class Front {
+ public:
+  Front(const HashDelTable& table, UInt start, UByte tag) : probe_(table.t_nentries, start) {
+    UInt seen = 0;
+    for (UInt i = 0; i < kSlots; i++) {
+      slots_[i] = probe_.slot();
+      seen |= UInt{table.t_tags[slots_[i]]} << (8 * i);
+      more_ &=
+          probe_.Next();  // in a table whose slot count is no prime the way may be that short: it is gone round again
+    }
+    empty_ = ZeroBytes(seen ^ tags::kEmpty * kEachByte);
+    equal_ = ZeroBytes(seen ^ tag * kEachByte) & (empty_ ^ (empty_ - 1));
   }
-  for (equal &= empty ^ (empty - 1); equal != 0; equal &= equal - 1) {
-    const UInt slot = slots[std::countr_zero(equal)];
-    const UInt offset = table.t_entries[slot];
-    if (heap::Matches(table, offset, bytes, len, nullptr)) return {slot, offset};
+
+  UInt equal() const { return equal_; }  // a bit for each slot with the tag, none behind an empty one
+  UInt slot(UInt bits) const { return slots_[std::countr_zero(bits) / 8]; }  // of the first bit
+  bool ends() const { return empty_ != 0; }
+  UInt empty_slot() const { return slot(empty_); }  // where it ends
+  bool more() const { return more_; }
+  Probe rest() const { return probe_; }
+
+ private:
+  static constexpr UInt kSlots = 4;
+  static constexpr UInt kEachByte = 0x01010101;
+
+  // The highest bit of each byte that is zero.
+  static UInt ZeroBytes(UInt bytes) {
+    constexpr UInt kLow = 0x7F * kEachByte;
+    return ~(((bytes & kLow) + kLow) | bytes | kLow);
   }
-  if (empty != 0) return {slots[std::countr_zero(empty)], heap::kEmptySlot};
-  if (!more) return {kNoSlot, heap::kEmptySlot};
+
+  Probe probe_;
+  UInt slots_[kSlots];
+  UInt empty_;
+  UInt equal_;
+  bool more_ = true;
+};
+
+// A search by tags that has come past the first slots.
+[[gnu::noinline]] Place SearchBehind(const HashDelTable& table, Probe probe, UByte tag, const UByte* bytes, UInt len) {
   do {
     const UByte seen = table.t_tags[probe.slot()];
     if (seen == tags::kEmpty) return {probe.slot(), heap::kEmptySlot};
@@ -137,6 +156,18 @@ Place SearchTags(const HashDelTable& table, UInt start, UByte tag, const UByte* 
     if (heap::Matches(table, offset, bytes, len, nullptr)) return {probe.slot(), offset};
   } while (probe.Next());
   return {kNoSlot, heap::kEmptySlot};
+}
+
+// The same by the tags: a slot whose tag is another is not looked at.
+Place SearchTags(const HashDelTable& table, UInt start, UByte tag, const UByte* bytes, UInt len) {
+  const Front front(table, start, tag);
+  for (UInt equal = front.equal(); equal != 0; equal &= equal - 1) {
+    const UInt offset = table.t_entries[front.slot(equal)];
+    if (heap::Matches(table, offset, bytes, len, nullptr)) return {front.slot(equal), offset};
+  }
+  if (front.ends()) return {front.empty_slot(), heap::kEmptySlot};
+  if (!front.more()) return {kNoSlot, heap::kEmptySlot};
+  return SearchBehind(table, front.rest(), tag, bytes, len);
 }
 
 Place Search(const HashDelTable& table, UInt hash, const heap::KeyGiven<HashDelTable>& key, UInt len, void* ptr) {
@@ -273,6 +304,80 @@ void Rebuild(HashDelTable* table, UInt capacity, void* ptr) {
       [&](UInt start, UInt offset, UInt hash) { return Occupy(table, EmptySlotFrom(*table, start), offset, hash); });
 }
 
+// Whether look-ups can go by tags and by heap::SurelyMatches, without calling back.
+bool HasPlainTags(const HashDelTable& table) {
+  return table.t_tags != nullptr && table.t_hash == nullptr && table.t_equal == nullptr && table.t_key_size == 0 &&
+         !table.t_selected && table.t_nentries >= kFewestSlots;
+}
+
+// SearchTags for such tables, inline as far as most searches go.
+[[gnu::always_inline]] inline Place SearchPlainTags(const HashDelTable& table, const UByte* bytes, UInt len) {
+  const UInt hash = heap::HashKey(bytes, len);
+  const UByte tag = tags::Of(hash);
+  const UInt start = StartSlot(table, hash);
+  __builtin_prefetch(table.t_entries + start);
+  const Front front(table, start, tag);
+  if (front.equal() != 0) {
+    const UInt slot = front.slot(front.equal());
+    const UInt offset = table.t_entries[slot];
+    if (heap::SurelyMatches(table, offset, bytes, len)) [[likely]]
+      return {slot, offset};
+  } else {
+    if (front.ends()) return {front.empty_slot(), heap::kEmptySlot};
+    if (front.more()) return SearchBehind(table, front.rest(), tag, bytes, len);
+  }
+  return SearchTags(table, start, tag, bytes, len);
+}
+
+// Puts a tombstone into a slot.
+void Bury(HashDelTable* table, UInt slot) {
+  table->t_deleted++;
+  table->t_nkeys--;
+  table->t_entries[slot] = kTombstone;
+  if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_nentries, slot, tags::kTombstone);
+}
+
+// HashDelTableFind, for every table.
+[[gnu::noinline]] UByte* FindOrInsert(HashDelTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset,
+                                      void* ptr) {
+  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT_IN(kModule, "HashDelTableFind", !table->t_selected, "!table->t_selected");
+  QX_ASSERT_IN(kModule, "HashDelTableFind", heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
+
+  const Place place = Search(*table, hash, key, len, ptr);
+  if (place.offset != heap::kEmptySlot) {
+    if (offset != nullptr) *offset = place.offset;
+    return table->t_data + place.offset;
+  }
+  if (!create || place.slot == kNoSlot) return nullptr;
+  // Tombstones count twice: the table is to be cleaned up before its probes grow long with them.
+  if (size_t{2} * table->t_deleted + table->t_nkeys >= table->t_nkeys_max) return nullptr;
+
+  size_t entry;
+  if (!heap::Append<HashDelTableTraits>(table, key.bytes(), len, ptr, &entry)) return nullptr;
+  UInt slot = place.slot;
+  if (table->t_value != nullptr) {
+    // The callback may have grown the table: the search is then made again, to the same slot if it has not.
+    slot = EmptySlotFrom(*table, StartSlot(*table, hash));
+  }
+  if (!Occupy(table, slot, static_cast<UInt>(entry), hash)) return nullptr;
+  table->t_nkeys++;
+  if (offset != nullptr) *offset = static_cast<UInt>(entry);
+  return table->t_data + entry;
+}
+
+// HashDelTableRemove, for every table.
+[[gnu::noinline]] Boolean RemoveAny(HashDelTable* table, const UByte* bytes, UInt len, void* ptr) {
+  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT_IN(kModule, "HashDelTableRemove", !table->t_selected, "!table->t_selected");
+  const Place place = Search(*table, hash, key, len, ptr);
+  if (place.offset == heap::kEmptySlot || !Holds(*table, place.slot, place.offset)) return FALSE;
+  Bury(table, place.slot);
+  return TRUE;
+}
+
 }  // namespace
 
 namespace hashdeltable {
@@ -356,43 +461,18 @@ HashDelTable* HashDelTableCopy(const HashDelTable* table) {
 }
 
 UByte* HashDelTableFind(HashDelTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
-  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
-  const UInt hash = heap::Hash(*table, bytes, len, ptr);
-  QX_ASSERT(!table->t_selected);
-  QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
-
-  const Place place = Search(*table, hash, key, len, ptr);
-  if (place.offset != heap::kEmptySlot) {
-    if (offset != nullptr) *offset = place.offset;
-    return table->t_data + place.offset;
-  }
-  if (!create || place.slot == kNoSlot) return nullptr;
-  // Tombstones count twice: the table is to be cleaned up before its probes grow long with them.
-  if (size_t{2} * table->t_deleted + table->t_nkeys >= table->t_nkeys_max) return nullptr;
-
-  size_t entry;
-  if (!heap::Append<HashDelTableTraits>(table, key.bytes(), len, ptr, &entry)) return nullptr;
-  UInt slot = place.slot;
-  if (table->t_value != nullptr) {
-    // The callback may have grown the table: the search is then made again, to the same slot if it has not.
-    slot = EmptySlotFrom(*table, StartSlot(*table, hash));
-  }
-  if (!Occupy(table, slot, static_cast<UInt>(entry), hash)) return nullptr;
-  table->t_nkeys++;
-  if (offset != nullptr) *offset = static_cast<UInt>(entry);
-  return table->t_data + entry;
+  if (create || !HasPlainTags(*table)) return FindOrInsert(table, bytes, len, create, offset, ptr);
+  const Place place = SearchPlainTags(*table, bytes, len);
+  if (place.offset == heap::kEmptySlot) return nullptr;
+  if (offset != nullptr) *offset = place.offset;
+  return table->t_data + place.offset;
 }
 
 Boolean HashDelTableRemove(HashDelTable* table, const UByte* bytes, UInt len, void* ptr) {
-  const heap::KeyGiven<HashDelTable> key(*table, bytes);  // callbacks that insert may move it
-  const UInt hash = heap::Hash(*table, bytes, len, ptr);
-  QX_ASSERT(!table->t_selected);
-  const Place place = Search(*table, hash, key, len, ptr);
-  if (place.offset == heap::kEmptySlot || !Holds(*table, place.slot, place.offset)) return FALSE;
-  table->t_deleted++;
-  table->t_nkeys--;
-  table->t_entries[place.slot] = kTombstone;
-  if (table->t_tags != nullptr) tags::Set(table->t_tags, table->t_nentries, place.slot, tags::kTombstone);
+  if (!HasPlainTags(*table)) return RemoveAny(table, bytes, len, ptr);
+  const Place place = SearchPlainTags(*table, bytes, len);
+  if (place.offset == heap::kEmptySlot) return FALSE;
+  Bury(table, place.slot);
   return TRUE;
 }
 

@@ -169,6 +169,12 @@ void FetchHeap(const HashTable& table, size_t at) {
   __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(table.t_data) + at));
 }
 
+// A key is read whole: its first and last byte lie in the same line or in neighbours, as a rule.
+void FetchKey(const UByte* bytes, UInt len) {
+  __builtin_prefetch(bytes);
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(bytes) + len));
+}
+
 Place Search(const HashTable& table, UInt hash, const heap::KeyGiven<HashTable>& key, UInt len, void* ptr) {
   const UInt s = StartSlot(table, hash);
   if (table.t_tags == nullptr) return SearchSlots(table, s, key, len, ptr);
@@ -227,6 +233,35 @@ bool Rebuild(HashTable* table, UInt capacity, void* ptr) {
   return true;
 }
 
+// Whether look-ups can go by tags and by heap::SurelyMatches, without calling back.
+bool HasPlainTags(const HashTable& table) {
+  return table.t_tags != nullptr && table.t_hash == nullptr && table.t_equal == nullptr && table.t_key_size == 0 &&
+         !table.t_selected;
+}
+
+// HashTableFind, for every table.
+[[gnu::noinline]] UByte* FindOrInsert(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset,
+                                      void* ptr) {
+  const heap::KeyGiven<HashTable> key(*table, bytes);  // callbacks that insert may move it
+  const UInt hash = heap::Hash(*table, bytes, len, ptr);
+  QX_ASSERT_IN(kModule, "HashTableFind", !table->t_selected, "!table->t_selected");
+  QX_ASSERT_IN(kModule, "HashTableFind", heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
+
+  Place found = Search(*table, hash, key, len, ptr);
+  if (UByte* entry = EntryAt(*table, found, offset); entry != nullptr) return entry;
+  if (found.slot == kNoSlot || !create || HashTableFull(table)) return nullptr;
+
+  size_t place;
+  if (!heap::Append<HashTableTraits>(table, key.bytes(), len, ptr, &place)) return nullptr;
+  // The value callback may have grown the table: the search is then made again, to the same slot if it has not.
+  if (table->t_value != nullptr) found.slot = EmptySlotFrom(*table, StartSlot(*table, hash));
+  const UInt entry = static_cast<UInt>(place);
+  if (!Occupy(table, found.slot, entry, hash)) return nullptr;
+  table->t_entries_used++;
+  if (offset != nullptr) *offset = entry;
+  return table->t_data + entry;
+}
+
 }  // namespace
 
 void QXDictInit(void) {
@@ -275,25 +310,26 @@ void HashTableFree(HashTable* table) {
   UnAllocate_(table, kModule, __LINE__);
 }
 
+// A look-up by tags, whose first group nearly always settles it, stands here alone. What it does not settle is called
+// last, by a jump, so that it has nothing to save.
 UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
-  const heap::KeyGiven<HashTable> key(*table, bytes);  // callbacks that insert may move it
-  const UInt hash = heap::Hash(*table, bytes, len, ptr);
-  QX_ASSERT(!table->t_selected);
-  QX_ASSERT_TEXT(heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
-
-  Place found = Search(*table, hash, key, len, ptr);
-  if (UByte* entry = EntryAt(*table, found, offset); entry != nullptr) return entry;
-  if (found.slot == kNoSlot || !create || HashTableFull(table)) return nullptr;
-
-  size_t place;
-  if (!heap::Append<HashTableTraits>(table, key.bytes(), len, ptr, &place)) return nullptr;
-  // The value callback may have grown the table: the search is then made again, to the same slot if it has not.
-  if (table->t_value != nullptr) found.slot = EmptySlotFrom(*table, StartSlot(*table, hash));
-  const UInt entry = static_cast<UInt>(place);
-  if (!Occupy(table, found.slot, entry, hash)) return nullptr;
-  table->t_entries_used++;
-  if (offset != nullptr) *offset = entry;
-  return table->t_data + entry;
+  if (create || !HasPlainTags(*table)) return FindOrInsert(table, bytes, len, create, offset, ptr);
+  const UInt hash = heap::HashKey(bytes, len);
+  const UInt s = StartSlot(*table, hash);
+  __builtin_prefetch(table->t_entries + s);
+  const tags::Group group(table->t_tags + s);
+  const UInt empty = group.Equal(tags::kEmpty);
+  const UInt equal = group.Equal(tags::Of(hash)) & (empty ^ (empty - 1));
+  if (equal == 0 && empty != 0) return nullptr;
+  if (equal != 0) {
+    const UInt slot = s + static_cast<UInt>(std::countr_zero(equal));
+    const UInt found = table->t_entries[slot < table->t_entries_size ? slot : slot - table->t_entries_size];
+    if (heap::SurelyMatches(*table, found, bytes, len)) [[likely]] {
+      if (offset != nullptr) *offset = found;
+      return table->t_data + found;
+    }
+  }
+  return FindOrInsert(table, bytes, len, create, offset, ptr);
 }
 
 void HashTableGrow(HashTable* table, float factor, void* ptr) {
@@ -336,6 +372,7 @@ Boolean HashTableReserve(HashTable* table, UInt capacity, void* ptr) {
 void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys, const UInt* lens, UByte** entries,
                        UInt* offsets, void* ptr) {
   const bool calls_back = table->t_hash != nullptr || table->t_equal != nullptr;
+  const bool plain_tags = HasPlainTags(*table);
   constexpr UInt kInFlight = 32;  // look-ups between asking for memory and its use
   UInt hashes[kInFlight];
   Place places[kInFlight];
@@ -343,6 +380,7 @@ void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys,
     // Callbacks are made key by key, as by single look-ups.
     const UInt count = calls_back ? 1 : std::min(n - done, kInFlight);
     for (UInt i = 0; i < count; i++) {
+      if (n - done > i + kInFlight) FetchKey(keys[done + i + kInFlight], lens[done + i + kInFlight]);
       hashes[i] = heap::Hash(*table, keys[done + i], lens[done + i], ptr);
       QX_ASSERT(!table->t_selected);
       QX_ASSERT_TEXT(heap::LengthFits(lens[done + i], table->t_key_size), "l < (b << (8 * k))");
@@ -357,10 +395,12 @@ void HashTableFindMany(const HashTable* table, UInt n, const UByte* const* keys,
     for (UInt i = 0; i < count; i++, done++) {
       const heap::KeyGiven<HashTable> key(*table, keys[done]);
       // Nothing likely is an answer, and so is a likely entry that is the one. Else the search goes its whole way.
-      if (places[i].offset != heap::kEmptySlot &&
-          (calls_back || !heap::Matches(*table, places[i].offset, key.bytes(), lens[done], ptr))) {
+      const UInt likely = places[i].offset;
+      const bool settled = likely == heap::kEmptySlot ||
+                           (plain_tags ? heap::SurelyMatches(*table, likely, key.bytes(), lens[done])
+                                       : !calls_back && heap::Matches(*table, likely, key.bytes(), lens[done], ptr));
+      if (!settled) [[unlikely]]
         places[i] = Search(*table, hashes[i], key, lens[done], ptr);
-      }
       entries[done] = EntryAt(*table, places[i], offsets != nullptr ? &offsets[done] : nullptr);
     }
   }

@@ -33,6 +33,7 @@ namespace heap {
 constexpr UInt kEmptySlot = 0xFFFFFFFF;
 constexpr size_t kAlignment = 8;
 constexpr size_t kLengthBudget = IO2_REF4_SIZE;  // an insertion always makes room for the longest key length field
+constexpr size_t kShortKey = 0xFF >> 1;          // the longest key whose length of variable width takes one byte
 constexpr size_t kHeapLimit = 0xFFFFFFF8;        // where a heap ends at the latest: offsets have 32 bits
 constexpr UInt kMinimumCapacity = 5;
 constexpr UInt kMaximumCapacity = 0xFFFFFFFF / 3;  // three slots for two keys, counted in 32 bits
@@ -100,9 +101,8 @@ template <typename Table>
 // and lie so far from the heap's end that any such length is good.
 template <typename Table>
 Key KeyAt(const Table& table, size_t at) {
-  constexpr size_t kLongest = 0xFF >> 1;
   const size_t field = at + table.t_val_len;
-  if (table.t_key_size == 0 && field + 1 + kLongest <= table.t_data_size) [[likely]] {
+  if (table.t_key_size == 0 && field + 1 + kShortKey <= table.t_data_size) [[likely]] {
     const UByte* bytes = table.t_data + field;
     if ((*bytes & 1) == 0) [[likely]]
       return {bytes + 1, UInt{*bytes} >> 1};
@@ -169,9 +169,16 @@ UInt Hash(const Table& table, const UByte* bytes, UInt len, void* ptr) {
   return table.t_hash != nullptr ? table.t_hash(bytes, len, ptr) : HashKey(bytes, len);
 }
 
-// Whether two runs of `len` bytes are equal. Keys are short: a call costs more than the comparison.
-inline bool BytesEqual(const UByte* a, const UByte* b, size_t len) {
-  if (len > 32) return std::memcmp(a, b, len) == 0;
+// Whether two runs of `len` bytes are equal, wherever they are short: a call costs more than the comparison.
+inline bool ShortBytesEqual(const UByte* a, const UByte* b, size_t len) {
+#ifdef __SSE2__
+  if (len >= 16) {
+    const auto same = [a, b](size_t at) { return _mm_cmpeq_epi8(LoadBlock(a + at), LoadBlock(b + at)); };
+    __m128i equal = same(len - 16);
+    for (size_t i = 0; i + 16 < len; i += 16) equal = _mm_and_si128(equal, same(i));
+    return _mm_movemask_epi8(equal) == 0xFFFF;
+  }
+#endif
   if (len >= 8) {
     ULong differ = 0;
     for (size_t i = 0; i + 8 < len; i += 8) differ |= IO_MemGetLE8(a + i) ^ IO_MemGetLE8(b + i);
@@ -181,6 +188,21 @@ inline bool BytesEqual(const UByte* a, const UByte* b, size_t len) {
     return ((IO_MemGetLE4(a) ^ IO_MemGetLE4(b)) | (IO_MemGetLE4(a + (len - 4)) ^ IO_MemGetLE4(b + (len - 4)))) == 0;
   }
   return len == 0 || (((a[0] ^ b[0]) | (a[len / 2] ^ b[len / 2]) | (a[len - 1] ^ b[len - 1])) == 0);
+}
+
+inline bool BytesEqual(const UByte* a, const UByte* b, size_t len) {
+  return len <= kShortKey ? ShortBytesEqual(a, b, len) : std::memcmp(a, b, len) == 0;
+}
+
+// Whether the entry at `at` has this key and is such an entry as most are: its length of variable width takes one byte
+// and lies so far from the heap's end that any such length is good. False says nothing.
+template <typename Table>
+bool SurelyMatches(const Table& table, size_t at, const UByte* bytes, UInt len) {
+  const size_t field = at + table.t_val_len;
+  if (field + 1 + kShortKey > table.t_data_size) [[unlikely]]
+    return false;
+  const UByte* stored = table.t_data + field;
+  return len <= kShortKey && *stored == len << 1 && ShortBytesEqual(stored + 1, bytes, len);
 }
 
 // Whether the entry at `at` has this key, by the table's equality or by length and bytes. An entry that is none has no

@@ -261,6 +261,68 @@ TEST(HashDelTableTags, GoWithSelectionsAndImagesAndComeBack) {
   ArrayFree_(&image.a, "test", __LINE__);
 }
 
+// Zero bytes at a key's end do not change its hash: all of these share start and tag, and only their lengths differ.
+std::string Alike(UInt zeros) { return "k" + std::string(zeros, '\0'); }
+
+constexpr UInt kAlike = 200;  // past the lengths that take one byte
+
+TEST(HashTableTags, TellKeysApartThatHashAlike) {
+  HashTable* table = HashTableNew(kAlike, nullptr, nullptr, nullptr, 1, 0, FALSE);
+  std::vector<std::string> keys;
+  for (UInt i = 0; i < kAlike; i++) keys.push_back(Alike(i));
+  for (UInt i = 0; i < kAlike; i += 2) {
+    UByte* entry = HashTableFind(table, Bytes(keys[i]), Length(keys[i]), TRUE, nullptr, nullptr);
+    ASSERT_NE(entry, nullptr);
+    *entry = static_cast<UByte>(i);
+  }
+  ExpectTagsInStep(*table);
+  std::vector<const UByte*> bytes;
+  std::vector<UInt> lengths;
+  for (UInt i = 0; i < kAlike; i++) {
+    bytes.push_back(Bytes(keys[i]));
+    lengths.push_back(Length(keys[i]));
+    const UByte* entry = HashTableFind(table, bytes[i], lengths[i], FALSE, nullptr, nullptr);
+    ASSERT_EQ(entry != nullptr, i % 2 == 0) << i;
+    if (entry != nullptr) {
+      EXPECT_EQ(*entry, i);
+    }
+  }
+  std::vector<UByte*> entries(kAlike);
+  HashTableFindMany(table, kAlike, bytes.data(), lengths.data(), entries.data(), nullptr, nullptr);
+  for (UInt i = 0; i < kAlike; i++) {
+    ASSERT_EQ(entries[i] != nullptr, i % 2 == 0) << i;
+    if (entries[i] != nullptr) {
+      EXPECT_EQ(*entries[i], i);
+    }
+  }
+  HashTableFree(table);
+}
+
+TEST(HashDelTableTags, TellKeysApartThatHashAlike) {
+  HashDelTable* table = HashDelTableNew(2 * kAlike, nullptr, nullptr, nullptr, 1, 0);
+  for (UInt i = 0; i < kAlike; i += 2) {
+    UByte* entry = HashDelTableFind(table, Bytes(Alike(i)), Length(Alike(i)), TRUE, nullptr, nullptr);
+    ASSERT_NE(entry, nullptr);
+    *entry = static_cast<UByte>(i);
+  }
+  for (UInt i = 0; i < kAlike; i++) {
+    if (i % 4 != 0) continue;
+    ASSERT_TRUE(HashDelTableRemove(table, Bytes(Alike(i)), Length(Alike(i)), nullptr)) << i;
+    ASSERT_FALSE(HashDelTableRemove(table, Bytes(Alike(i)), Length(Alike(i)), nullptr)) << i;
+    ASSERT_FALSE(HashDelTableRemove(table, Bytes(Alike(i + 1)), Length(Alike(i + 1)), nullptr)) << i;
+  }
+  EXPECT_EQ(HashDelTableSize(table), 50u);
+  ExpectTagsInStep(*table);
+  for (UInt i = 0; i < kAlike; i++) {
+    const UByte* entry = HashDelTableFind(table, Bytes(Alike(i)), Length(Alike(i)), FALSE, nullptr, nullptr);
+    ASSERT_EQ(entry != nullptr, i % 4 == 2) << i;
+    if (entry != nullptr) {
+      EXPECT_EQ(*entry, i);
+    }
+  }
+  HashDelTableFree(table);
+}
+
 TEST(TableTags, SmallTablesHaveNone) {
   HashTable* table = HashTableNew(40, nullptr, nullptr, nullptr, 0, 0, FALSE);
   EXPECT_EQ(table->t_entries_size, 61u);
