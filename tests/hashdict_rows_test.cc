@@ -100,8 +100,10 @@ TEST(HashDictRows, ServeManyLookUpsAtOnce) {
   std::vector<const UByte*> keys;
   std::vector<UInt> lens;
   std::vector<Id> ids(set.keys.size()), expected;
+  set.keys.push_back(std::string(41, 'a'));
+  ids.push_back(0);
   for (const std::string& key : set.keys) {
-    expected.push_back(static_cast<Id>(keys.size()));
+    expected.push_back(key.size() <= 40 ? static_cast<Id>(keys.size()) : HASHDICT_NOT_FOUND);
     keys.push_back(support::Bytes(key));
     lens.push_back(static_cast<UInt>(key.size()));
   }
@@ -220,6 +222,18 @@ TEST(HashDictRows, DoNotComeWhereTheyWouldBeLarge) {
   EXPECT_FALSE(HashDictPrepare(hdict));
   EXPECT_EQ(RowsOf(*hdict), nullptr);
   for (Id idx = 0; idx < 256; idx++) EXPECT_EQ(Find(hdict, set.keys[idx]), idx);
+  HashDictFree(hdict);
+}
+
+TEST(HashDictRows, LeaveKeysWhoseSumsPass32BitsAlone) {
+  KeySet set = EveryLength(9);
+  HashDict* hdict = set.Build();
+  HashDict large = *hdict;
+  large.h_size = 0x7FFFFFFF;  // three largest coefficients do not fit
+  ASSERT_EQ(large.h_rows, nullptr);
+  large.h_rows = hashdict::RowsNew(large);
+  EXPECT_EQ(RowsOf(large)->longest, 2u);
+  hashdict::RowsDelete(&large);
   HashDictFree(hdict);
 }
 

@@ -176,6 +176,9 @@ TEST_F(HashDictOpenTest, ANameWithoutRoomInAPathIsRefused) {
   EXPECT_EQ(HashDictOpen(dir(), (longest + "x").c_str(), nullptr), nullptr);
   EXPECT_EQ(errno, ENAMETOOLONG);
   errno = 0;
+  EXPECT_EQ(HashDictOpen(nullptr, (longest + "x").c_str(), nullptr), nullptr);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  errno = 0;
   EXPECT_EQ(HashDictOpen(nullptr, longest.c_str(), nullptr), nullptr);
   EXPECT_EQ(errno, ENAMETOOLONG);  // the system's own answer
 }
