@@ -182,7 +182,9 @@ void IndexDrop(Cache* cache, Blocks blocks) {
 }
 
 void IndexWarm(Cache* cache, std::span<FPrint> keys) {
-  for (const FPrint key : keys) FrontPrefetch(cache, key);
+  // A search for a number just below a key goes through the key's node and on to the one that will take its place when
+  // it is removed.
+  for (FPrint& key : keys) FrontPrefetch(cache, key--);
   const Lock index(&cache->c_dict_lock, LockRank::kIndex);
   QXAVLLDictFindMany(cache->c_dict, keys.data(), keys.size(), kNoBlock, keys.data());
 }

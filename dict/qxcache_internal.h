@@ -279,7 +279,7 @@ using Blocks = std::span<CacheBlock* const>;
 void IndexDrop(Cache* cache, Blocks blocks);
 
 // Has the index's entries of the keys on their way from memory, all at once, for whoever is about to change them one by
-// one. Takes c_dict_lock.
+// one. Spoils the array. Takes c_dict_lock.
 void IndexWarm(Cache* cache, std::span<FPrint> keys);
 
 // Removes the entry that names a block; false, and nothing done, when none does. Takes c_dict_lock.

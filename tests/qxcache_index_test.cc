@@ -176,6 +176,23 @@ TEST(CacheFront, FingerprintsOfAllZerosAndAllOnesAreFound) {
   EXPECT_EQ(cache.Fetch(ones), "1");
 }
 
+// More than are taken out of the index at once, the least and the greatest fingerprint among them.
+TEST(CacheFront, EveryBlockOfAPageIsDropped) {
+  const QuietCache cache({.region_size = 16, .page_size = 16384});
+  ASSERT_TRUE(cache.Store("=0000000000000000", "0"));
+  for (int i = 0; i < 1500; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), "value"));
+  ASSERT_TRUE(cache.Store("=ffffffffffffffff", "1"));
+  EXPECT_EQ(QXAVLLDictSize(cache->c_dict), 1502u);
+  for (UInt i = 0; i < cache.PageCount(); i++) qxcache::PageFreeBlocks(cache.get(), cache.PageAt(i));
+  EXPECT_EQ(QXAVLLDictSize(cache->c_dict), 0u);
+  EXPECT_EQ(CheckFront(cache.get()), 0u);
+  EXPECT_EQ(cache->c_nb_objects, 0u);
+  EXPECT_EQ(cache->c_total_size, 0u);
+  QXCacheStatistics statistics;
+  QXCacheStats(cache.get(), &statistics);
+  EXPECT_EQ(statistics.s_dropped, 1502u);
+}
+
 TEST(CacheFront, GrowsWithTheIndexAndFindsEverythingAllTheWhile) {
   const QuietCache cache({.region_size = 64, .page_size = 4096});
   std::set<ULong> sizes;
