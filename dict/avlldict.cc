@@ -6,6 +6,7 @@
 
 #include "dict/avl_tree.h"
 #include "dict/tree_reads.h"
+#include "dict/tree_walk.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The node array of the ordered dictionaries, and everything that does not depend on how a tree is kept in balance:
-// creation, slots, growth, search, enumeration.
+// creation, slots, growth, search.
 //
 //   d_nodes  [ 0 sentinel | 1 header | 2 ... keys and released slots ... | d_free ... never used ... ]  d_capacity
 //   slots
@@ -301,50 +301,6 @@ template <typename T>
 typename T::Value Find(typename T::Dict* dict, typename T::Key v, typename T::Value n) {
   const Index x = Search<T>(dict, v);
   return x != kSentinel ? dict->d_nodes[x].n_value : n;
-}
-
-// Puts a node and those that come before it on the path: all that follow `first` links down from it. The nodes that the
-// walk goes to from there are asked for early: a step to a child waits for memory otherwise.
-template <typename T, Side first>
-void PushFirst(const typename T::Dict* dict, Index x, Path<T>* path) {
-  const typename T::Node* nodes = dict->d_nodes;
-  for (; x != 0; x = Child<first>(nodes[x])) {
-    __builtin_prefetch(&nodes[Child<Other(first)>(nodes[x])]);
-    path->Push(x);
-  }
-}
-
-// Goes on with a walk in order, the nodes on the `first` side of each before it, from the top of the path to where
-// `past` says that a key is past the end. The array is read anew after every call.
-template <typename T, Side first, typename Past, typename Fun>
-Boolean WalkOn(typename T::Dict* dict, Path<T>* path, Past past, Fun fun, void* arg) {
-  for (Index visited = 0; !path->Empty(); visited++) {
-    if (visited == dict->d_capacity) {
-      QX_DIE_IN(T::kModule, "Enumerate", "a walk meets more than %u nodes: the tree is damaged", visited);
-    }
-    const Index x = path->Pop();
-    const typename T::Node& node = dict->d_nodes[x];
-    if (past(node.n_key)) return TRUE;
-    // The child on the other side of the next node has arrived since that was pushed: its own first child is next.
-    const Index next = Child<Other(first)>(dict->d_nodes[path->Below(0)]);
-    __builtin_prefetch(&dict->d_nodes[Child<first>(dict->d_nodes[next])]);
-    if (!fun(dict, node.n_key, node.n_value, arg)) return FALSE;
-    PushFirst<T, first>(dict, Child<Other(first)>(dict->d_nodes[x]), path);
-  }
-  return TRUE;
-}
-
-template <typename T, Side first, typename Fun>
-Boolean Walk(typename T::Dict* dict, Fun fun, void* arg) {
-  Path<T> path(dict);
-  PushFirst<T, first>(dict, Root(dict), &path);
-  return WalkOn<T, first>(
-      dict, &path, [](typename T::Key) { return false; }, fun, arg);
-}
-
-template <typename T, typename Fun>
-Boolean Enumerate(typename T::Dict* dict, Boolean reverse, Fun fun, void* arg) {
-  return reverse ? Walk<T, Side::kRight>(dict, fun, arg) : Walk<T, Side::kLeft>(dict, fun, arg);
 }
 
 // What a checker may spend, so that damaged links can neither hang it nor lead it out of the array: no tree has more

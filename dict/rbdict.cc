@@ -18,6 +18,7 @@
 
 #include "dict/node_tree.h"
 #include "dict/tree_reads.h"
+#include "dict/tree_walk.h"
 
 namespace {
 

@@ -69,36 +69,6 @@ Boolean LowerBound(const typename T::Dict* dict, typename T::Key v, typename T::
   return TRUE;
 }
 
-// Whether a walk that visits the `first` side of a node before it comes to key a before it comes to b.
-template <Side first, typename Key>
-bool Precedes(Key a, Key b) {
-  return first == Side::kLeft ? a < b : b < a;
-}
-
-// Walks from one key to another, both included. They need not be there.
-template <typename T, Side first, typename Fun>
-Boolean WalkRange(typename T::Dict* dict, typename T::Key from, typename T::Key to, Fun fun, void* arg) {
-  Path<T> path(dict);
-  for (Index x = Root(dict); x != 0;) {
-    const typename T::Node& node = dict->d_nodes[x];
-    if (Precedes<first>(node.n_key, from)) {
-      x = Child<Other(first)>(node);
-    } else {
-      path.Push(x);
-      x = Child<first>(node);
-    }
-  }
-  return WalkOn<T, first>(
-      dict, &path, [to](typename T::Key key) { return Precedes<first>(to, key); }, fun, arg);
-}
-
-template <typename T, typename Fun>
-Boolean EnumerateRange(typename T::Dict* dict, typename T::Key lo, typename T::Key hi, Boolean reverse, Fun fun,
-                       void* arg) {
-  return reverse ? WalkRange<T, Side::kRight>(dict, hi, lo, fun, arg)
-                 : WalkRange<T, Side::kLeft>(dict, lo, hi, fun, arg);
-}
-
 }  // namespace tree
 
 #endif
