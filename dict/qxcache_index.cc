@@ -59,12 +59,12 @@ void FrontClear(CacheExtra* extra, FPrint key, ULong before) {
 
 // Moves to a new bucket, behind the `buckets` that there are, what belongs there. Caller holds c_dict_lock.
 void Split(CacheExtra* extra, ULong buckets) {
-  const UInt bit = static_cast<UInt>(std::bit_width(buckets)) - 1;  // of the key: set in what belongs there
-  ULong* const from = extra->front + (buckets - (ULong{1} << bit)) * kWays;
+  const ULong bit = std::bit_floor(buckets);  // of the key: set in what belongs there
+  ULong* const from = extra->front + (buckets - bit) * kWays;
   ULong* to = extra->front + buckets * kWays;
   for (ULong* way = from; way != from + kWays; way++) {
     const ULong word = WordIn(way);
-    if ((word >> (bit - extra->front_first_bits) & 1) == 0) continue;
+    if ((word & bit >> extra->front_first_bits) == 0) continue;
     SetWord(to++, word);
     SetWord(way, 0);
   }

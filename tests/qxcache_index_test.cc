@@ -241,7 +241,7 @@ TEST(CacheFront, AWordThatMovesToANewBucketBetweenTheTwoLooksSendsTheFetchBack) 
   for (int i = 0; i < 5; i++) ASSERT_TRUE(cache.Store(Numbered("key", i), ""));
   EXPECT_EQ(cache->c_extra->front_buckets, 18u);
   EXPECT_FALSE(qxcache::StillNames(cache.get(), 0x11, entry));
-  EXPECT_EQ(qxcache::FrontFind(cache.get(), 0x11).place, cache->c_extra->front + 17 * 8);
+  EXPECT_EQ(qxcache::FrontFind(cache.get(), 0x11).place, cache->c_extra->front + size_t{17} * 8);
   EXPECT_EQ(FetchWithoutIndex(cache, last), "value");
 }
 
