@@ -197,6 +197,12 @@ void Remove(const Names& names) {
 // Gives a complete pair its place, for good. False, with errno, when the pair there stands as it did and the new one is
 // gone: the data, which go first, are exchanged with those there, so that they can be put back when the index cannot
 // follow. False too when the names cannot be made stable; then the old data stay beside, as they do until that moment.
+//
+//   exchange or rename of the data    rename of the index    sync     `to` holds      `from` holds        result
+//   fails                             -                      -        what it held    nothing             false
+//   done                              fails                  -        what it held    nothing             false
+//   done                              done                   fails    the new pair    old data, if any    false
+//   done                              done                   done     the new pair    nothing             true
 bool TakePlace(const Names& from, const Names& to) {
   const bool vacant = IsFree(to.index) && IsFree(to.data);
   const bool exchanged = vacant && Exchange(from.data, to.data);

@@ -275,6 +275,7 @@ class Compactor {
 
   HashDelTable* table_;
   const bool aligned_;
+  // to_ <= from_ <= end_: what lies before `to_` is done, from `from_` to `end_` are live entries without a gap.
   size_t from_ = 0;  // the run not yet moved
   size_t end_ = 0;
   size_t to_ = 0;  // where it goes

@@ -10,7 +10,13 @@
 //
 // No edge is kept by itself. A vertex holds how many edges are left there, and the exclusive-or of what each of them is
 // as seen from there: its number, its other two vertices, and which of its three this one is. That is all that is ever
-// asked: when one edge is left, the exclusive-or is that edge. A vertex keeps the edge that was removed there, so that
+// asked: when one edge is left, the exclusive-or is that edge, and when two are left and one is known, it is the other
+// after the known one is taken out:
+//
+//   edge 5: vertices 1 2 3,  edge 8: vertices 4 2 9      vertex 2 holds:  degree 2,  edge 5^8,  next 3^9,  after 1^4
+//   seen from 1, edge 5 has next 2 and after 3: so       vertex 2 without it:       edge 8,    next 9,    after 4
+//
+// A vertex keeps the edge that was removed there, so that
 // values can be assigned from g_vertex alone. (The same in: D. Belazzougui, P. Boldi, G. Ottaviano, R. Venturini,
 // S. Vigna, Cache-Oblivious Peeling of Random Hypergraphs, 2014.)
 //

@@ -7,6 +7,14 @@
 // byte of a key costs three instructions: fetch it, fetch its row, add. What an image may have that a sum cannot take
 // is told by the fourth lane: bytes that occur in no key are counted there, and coefficients out of range from 2^16 on.
 //
+// Keys of eight bytes and more are taken in runs as in hashdict_kernel.h: a full one first, more as long as they end
+// before the key does, and last the key's final eight bytes, of which those counted already are skipped:
+//
+//   8 bytes    [ 0 - 7 ]  [ - - - - - - - - ]         9 bytes    [ 0 - 7 ]  [ - - - - - - - 8 ]
+//   16 bytes   [ 0 - 7 ]  [ 8 - 15 ]                  17 bytes   [ 0 - 7 ]  [ 8 - 15 ]  [ - - - - - - - 16 ]
+//
+// Up to 16 bytes there is no branch that the length decides.
+//
 // Rows are made by a build of many keys, which keeps them, and by HashDictPrepare; never by a look-up. They hold what
 // the image held at that time.
 

@@ -265,6 +265,12 @@ void PageFreeBlocks(Cache* cache, Page* page) {
   PageReset(page);
 }
 
+// How a turn begins, by how the one before ended:
+//
+//   idle, no need to start                       rest, and stay idle
+//   idle, need to start                          work; or, when so much is free that it ought to stop, rest and stay
+//   idle at work, with nothing to show for a round    rest, since another round would find the same; then as below at
+//   work                                      work; or be idle from now on, when enough is free
 bool GCBeginTurn(Cache* cache, Collector* collector) {
   const Lock alloc(&cache->c_alloc_mutex, LockRank::kAlloc);
   const bool was_idle = collector->idle;
