@@ -411,6 +411,38 @@ TEST_F(PageCopyBlocks, TakesDroppedObjectsOutOfTheirBucket) {
   EXPECT_EQ(cache.Objects(), 1u);
 }
 
+// Drops are made by the batch, but never later than the block behind them is moved.
+TEST_F(PageCopyBlocks, TheIndexChangesInTheOrderOfTheBlocks) {
+  const QuietCache cache;
+  Put(cache, cache.PageAt(0), "k", "idle", kStart - 1000);
+  Put(cache, cache.PageAt(0), "k", "used", kStart);
+  qxcache::PageCopyBlocks(cache.get(), kStart - 500, cache.PageAt(0), cache.PageAt(1));
+  EXPECT_EQ(cache.Fetch("k"), "used");
+  EXPECT_EQ(cache.Objects(), 1u);
+
+  Put(cache, cache.PageAt(2), "j", "used", kStart);
+  Put(cache, cache.PageAt(2), "j", "idle", kStart - 1000);
+  qxcache::PageCopyBlocks(cache.get(), kStart - 500, cache.PageAt(2), cache.PageAt(3));
+  EXPECT_EQ(cache.Fetch("j"), "(none)");
+  EXPECT_EQ(cache.Objects(), 2u);
+}
+
+TEST_F(PageCopyBlocks, WhereItStopsTheDropsBeforeAreMade) {
+  const QuietCache cache({.page_size = 1024});
+  Put(cache, cache.PageAt(1), "there before", std::string(700, 'x'), kStart);
+  const CacheBlock* const idle = Put(cache, cache.PageAt(0), "idle", "", kStart - 1000);
+  const CacheBlock* const used = Put(cache, cache.PageAt(0), "used", std::string(500, 'u'), kStart);
+  const CacheBlock* const behind = Put(cache, cache.PageAt(0), "behind", "", kStart - 1000);
+  EXPECT_TRUE(qxcache::PageCopyBlocks(cache.get(), kStart - 500, cache.PageAt(0), cache.PageAt(1)).free_is_full);
+  EXPECT_TRUE(IsDead(idle));
+  EXPECT_FALSE(IsDead(used));
+  EXPECT_FALSE(IsDead(behind));
+  EXPECT_EQ(cache.Indexed("idle"), 0u);
+  EXPECT_NE(cache.Indexed("behind"), 0u);
+  EXPECT_EQ(cache.Objects(), 3u);
+  EXPECT_EQ(support::CheckCache(cache.get()), 0u);
+}
+
 // Deliberate: the collector does not ask whether a newer store has hidden a block.
 TEST_F(PageCopyBlocks, AHiddenBlockThatIsKeptComesBack) {
   const QuietCache cache;
