@@ -239,6 +239,19 @@ bool HasPlainTags(const HashTable& table) {
          !table.t_selected;
 }
 
+// Inserts a key that is absent, into the first empty slot from where the search for it started.
+[[gnu::noinline]] UByte* Insert(HashTable* table, const UByte* bytes, UInt len, UInt hash, UInt* offset, void* ptr) {
+  if (HashTableFull(table)) return nullptr;
+  size_t place;
+  if (!heap::Append<HashTableTraits>(table, bytes, len, ptr, &place)) return nullptr;
+  // The value callback may have grown the table: only now is it certain which slot that is.
+  const UInt entry = static_cast<UInt>(place);
+  if (!Occupy(table, EmptySlotFrom(*table, StartSlot(*table, hash)), entry, hash)) return nullptr;
+  table->t_entries_used++;
+  if (offset != nullptr) *offset = entry;
+  return table->t_data + entry;
+}
+
 // HashTableFind, for every table.
 [[gnu::noinline]] UByte* FindOrInsert(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset,
                                       void* ptr) {
@@ -247,19 +260,9 @@ bool HasPlainTags(const HashTable& table) {
   QX_ASSERT_IN(kModule, "HashTableFind", !table->t_selected, "!table->t_selected");
   QX_ASSERT_IN(kModule, "HashTableFind", heap::LengthFits(len, table->t_key_size), "l < (b << (8 * k))");
 
-  Place found = Search(*table, hash, key, len, ptr);
+  const Place found = Search(*table, hash, key, len, ptr);
   if (UByte* entry = EntryAt(*table, found, offset); entry != nullptr) return entry;
-  if (found.slot == kNoSlot || !create || HashTableFull(table)) return nullptr;
-
-  size_t place;
-  if (!heap::Append<HashTableTraits>(table, key.bytes(), len, ptr, &place)) return nullptr;
-  // The value callback may have grown the table: the search is then made again, to the same slot if it has not.
-  if (table->t_value != nullptr) found.slot = EmptySlotFrom(*table, StartSlot(*table, hash));
-  const UInt entry = static_cast<UInt>(place);
-  if (!Occupy(table, found.slot, entry, hash)) return nullptr;
-  table->t_entries_used++;
-  if (offset != nullptr) *offset = entry;
-  return table->t_data + entry;
+  return found.slot != kNoSlot && create ? Insert(table, key.bytes(), len, hash, offset, ptr) : nullptr;
 }
 
 }  // namespace
@@ -313,14 +316,14 @@ void HashTableFree(HashTable* table) {
 // A look-up by tags, whose first group nearly always settles it, stands here alone. What it does not settle is called
 // last, by a jump, so that it has nothing to save.
 UByte* HashTableFind(HashTable* table, const UByte* bytes, UInt len, Boolean create, UInt* offset, void* ptr) {
-  if (create || !HasPlainTags(*table)) return FindOrInsert(table, bytes, len, create, offset, ptr);
+  if (!HasPlainTags(*table)) return FindOrInsert(table, bytes, len, create, offset, ptr);
   const UInt hash = heap::HashKey(bytes, len);
   const UInt s = StartSlot(*table, hash);
   __builtin_prefetch(table->t_entries + s);
   const tags::Group group(table->t_tags + s);
   const UInt empty = group.Equal(tags::kEmpty);
   const UInt equal = group.Equal(tags::Of(hash)) & (empty ^ (empty - 1));
-  if (equal == 0 && empty != 0) return nullptr;
+  if (equal == 0 && empty != 0) return create ? Insert(table, bytes, len, hash, offset, ptr) : nullptr;
   if (equal != 0) {
     const UInt slot = s + static_cast<UInt>(std::countr_zero(equal));
     const UInt found = table->t_entries[slot < table->t_entries_size ? slot : slot - table->t_entries_size];
