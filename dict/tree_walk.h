@@ -99,9 +99,9 @@ class Way {
 template <typename T, Side first, typename Past, typename Fun>
 Boolean WalkOn(typename T::Dict* dict, Way<T>* way, Past past, Fun fun, void* arg) {
   using Low = LowTree<typename T::Node, first>;
-  // A walk that ends after a few nodes would not be worth laying a tree out, nor a tree that the caches hold.
+  // A walk that ends after a few nodes would not be worth laying a tree out, nor would a small tree.
   constexpr Index kFew = 64;
-  constexpr Index kMany = 8192;
+  constexpr Index kMany = 512;
   // The level whose subtrees are mostly as high as can be laid out, or lower by one.
   constexpr Index kNever = ~Index{0};
   const Index low_level =
