@@ -4,7 +4,12 @@
 // a block ends as two partial sums t0 + 257^2 * ... in 64-bit lanes of which only the low 32 bits count; Horner's rule
 // runs over the blocks from the last one to the first. The last bytes of a key that is no multiple of 16 come first, as
 // a block that overlaps its neighbour: the bytes that are not its own are masked, and the power that its own start with
-// is put right by one multiplication.
+// is put right by one multiplication:
+//
+//   21 bytes    bytes 5 to 20, of which 16 to 20 count: they stand for powers 11 to 15 of their block, and belong to
+//               16 to 20, so times 257^5. Then bytes 0 to 15, as they are.
+//   37 bytes    bytes 21 to 36, of which 32 to 36 count, times 257^5; bytes 16 to 31; all that times 257^16; bytes 0 to
+//   15
 
 #ifndef DICT_HASH_BYTES_H
 #define DICT_HASH_BYTES_H

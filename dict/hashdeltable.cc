@@ -115,8 +115,9 @@ class Front {
     for (UInt i = 0; i < kSlots; i++) {
       slots_[i] = probe_.slot();
       seen |= UInt{table.t_tags[slots_[i]]} << (8 * i);
-      more_ &=
-          probe_.Next();  // in a table whose slot count is no prime the way may be that short: it is gone round again
+      // Where the number of slots is no prime, as an image may have it, a way may close within these: it is then gone
+      // round again, which finds the same.
+      more_ &= probe_.Next();
     }
     empty_ = ZeroBytes(seen ^ tags::kEmpty * kEachByte);
     equal_ = ZeroBytes(seen ^ tag * kEachByte) & (empty_ ^ (empty_ - 1));

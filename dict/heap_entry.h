@@ -137,8 +137,9 @@ void FetchFrom(const Table& table, size_t at) {
   __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(table.t_data) + at + kAhead));
 }
 
-// Whether a walk that has come to `at` is over. Unlike Next it takes a key length field of forbidden width for granted,
-// as long as there is a byte of it: the next step then decodes it, and asserts.
+// Whether an iterator that has come to `at` is at its end. Unlike Next, which every other walk asks, it takes a key
+// length field of forbidden width for granted, as long as there is a byte of it: the next step then decodes it, and
+// asserts.
 template <typename Table>
 bool AtEnd(const Table& table, size_t at) {
   if (table.t_key_size > 4) return at >= table.t_data_used || table.t_data_size <= at + size_t{table.t_val_len};

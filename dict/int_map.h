@@ -302,8 +302,17 @@ template <typename T, UInt kSeen>
   return create != T::kNone ? Insert<T>(map, entry, key, create) : T::kNone;
 }
 
-// Nearly always the first group settles it. Whatever else there is to do is called last, by a jump, and is told what
-// lies in registers anyway: so nothing has to be saved.
+// Nearly always the first group, the slots from the key's home on, settles it:
+//
+//   the group holds the key          found
+//   it has a free slot before that   absent; a new key goes there
+//   neither, and keys were placed    the search goes on behind the group
+//     as far as a group from home
+//   neither, and none was            absent
+//   it would pass the last slot      the search goes on at home, slot by slot
+//
+// Whatever else there is to do is called last, by a jump, and is told what lies in registers anyway: so nothing has to
+// be saved.
 template <typename T>
 typename T::Key Find(typename T::Map* map, typename T::Key key, typename T::Key create, typename T::Key update,
                      Boolean* added) {
