@@ -8,8 +8,8 @@
 //
 //   21 bytes    bytes 5 to 20, of which 16 to 20 count: they stand for powers 11 to 15 of their block, and belong to
 //               16 to 20, so times 257^5. Then bytes 0 to 15, as they are.
-//   37 bytes    bytes 21 to 36, of which 32 to 36 count, times 257^5; bytes 16 to 31; all that times 257^16; bytes 0 to
-//   15
+//   37 bytes    bytes 21 to 36, of which 32 to 36 count, times 257^5; bytes 16 to 31; all of that times 257^16; and
+//               bytes 0 to 15.
 
 #ifndef DICT_HASH_BYTES_H
 #define DICT_HASH_BYTES_H
