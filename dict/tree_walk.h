@@ -30,7 +30,7 @@ class LowTree {
   bool LayOut(const Node* nodes, Index root) {
     Index places[kPlaces];
     places[1] = root;
-    for (unsigned i = 1; i < kPlaces / 2; i++) {
+    for (size_t i = 1; i < kPlaces / 2; i++) {
       const Node& node = nodes[places[i]];
       const Index before = Child<first>(node);
       const Index after = Child<Other(first)>(node);
@@ -40,7 +40,7 @@ class LowTree {
       places[2 * i + 1] = after;
     }
     Index below = 0;
-    for (unsigned i = kPlaces / 2; i < kPlaces; i++) {
+    for (size_t i = kPlaces / 2; i < kPlaces; i++) {
       below |= Child<Side::kLeft>(nodes[places[i]]) | Child<Side::kRight>(nodes[places[i]]);
     }
     if (below != 0) return false;
