@@ -266,19 +266,18 @@ void Get(const typename T::Map* map, UInt n, typename T::Key* key, typename T::K
   *val = entry.e_val;
 }
 
-// Inserts an absent key and returns its value. `entry` is the slot that ended its probe, or null. Not inlined, and told
+// Inserts an absent key and returns its value. `s` is the slot that ended its probe, or kNoSlot. Not inlined, and told
 // little: a look-up that inserts nothing need not save registers.
 template <typename T>
-[[gnu::noinline]] typename T::Key Insert(typename T::Map* map, const typename T::Entry* entry, typename T::Key key,
-                                         typename T::Key val) {
+[[gnu::noinline]] typename T::Key Insert(typename T::Map* map, UInt s, typename T::Key key, typename T::Key val) {
   if (map->m_used.t.length == map->m_capacity) [[unlikely]] {
     Grow<T>(map, map->m_used.t.length * 2);
     QX_ASSERT_IN(T::kModule, T::kFindName, map->m_used.t.length < map->m_capacity,
                  "(((map)->m_used).t.length) < map->m_capacity");
-    entry = nullptr;
+    s = kNoSlot;
   }
   const UInt home = Home<T>(*map, key);
-  const UInt s = entry != nullptr ? static_cast<UInt>(entry - map->m_entries) : FreeSlot<T>(*map, home);
+  if (s == kNoSlot) s = FreeSlot<T>(*map, home);
   Place<T>(map, home, s, key, val);
   return val;
 }
@@ -296,10 +295,9 @@ template <typename T, UInt kSeen>
 [[gnu::noinline]] typename T::Key FindFarther(typename T::Map* map, typename T::Key key, typename T::Entry* next,
                                               typename T::Key create, typename T::Key update, Boolean* added) {
   const UInt s = ProbeEnd<T>(*map, key, static_cast<UInt>(next - map->m_entries), kSeen, map->m_reach);
-  typename T::Entry* entry = s != kNoSlot ? map->m_entries + s : nullptr;
-  if (entry != nullptr && entry->e_key == key) return Found<T>(entry, update, added);
+  if (s != kNoSlot && map->m_entries[s].e_key == key) return Found<T>(&map->m_entries[s], update, added);
   if (added != nullptr) *added = create != T::kNone ? TRUE : FALSE;
-  return create != T::kNone ? Insert<T>(map, entry, key, create) : T::kNone;
+  return create != T::kNone ? Insert<T>(map, s, key, create) : T::kNone;
 }
 
 // Nearly always the first group, the slots from the key's home on, settles it:
@@ -333,7 +331,7 @@ typename T::Key Find(typename T::Map* map, typename T::Key key, typename T::Key 
     return FindFarther<T, kSlots>(map, key, entry + 1, create, update, added);
   if (added != nullptr) *added = create != T::kNone ? TRUE : FALSE;
   if (create == T::kNone) return T::kNone;
-  return Insert<T>(map, entry->e_key == T::kNone ? entry : nullptr, key, create);
+  return Insert<T>(map, entry->e_key == T::kNone ? static_cast<UInt>(entry - map->m_entries) : kNoSlot, key, create);
 }
 
 // Looks many keys up: the value of each, or the marker. The slots of keys to come are fetched ahead.

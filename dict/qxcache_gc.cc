@@ -64,7 +64,7 @@ class Drops {
  private:
   Cache* cache_;
   const char* function_;
-  CacheBlock* blocks_[kBatch];
+  CacheBlock* blocks_[kBatch] = {};
   size_t count_ = 0;
 };
 
