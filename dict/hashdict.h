@@ -337,7 +337,7 @@ QX_API Boolean HashDictReplace(const HashDict* hdict, const char* dir, const cha
 
 /**
  * Addition: arranges a copy of the coefficients for look-ups, which then take about two thirds of the time and give the
- * same. It pays from some thousand look-ups on. `HashDictBuild` does so by itself for 1,024 keys and more.
+ * same. It pays from some thousand look-ups on. `HashDictBuild` does so by itself for 512 keys and more.
  *
  * Memory: 16 bytes for each position and byte value of the keys, and a kilobyte; at most 1 MiB; released with the
  * handle. Time: proportional. Must not run beside look-ups in the same handle, nor twice at once.

@@ -25,7 +25,7 @@
 
 namespace hashdict {
 
-constexpr Id kRowsWorthwhile = 1024;              // keys in a dictionary that is built
+constexpr Id kRowsWorthwhile = 512;               // keys in a dictionary that is built
 constexpr size_t kMaxRowsSize = size_t{1} << 20;  // larger ones leave the caches, and gain nothing
 
 struct alignas(Lanes) Rows {
