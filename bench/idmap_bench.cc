@@ -9,6 +9,7 @@
 // the run. Values are the keys and a little more. "hit in bulk" is one call for all keys where there is such a call.
 
 #include <algorithm>
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <chrono>
 #include <sparsehash/dense_hash_map>
 #include <string>
@@ -192,6 +193,7 @@ void Fill(duel::Duel& duel, const char* name, Order order, size_t count) {
   };
   contend.template operator()<Ours>(name);
   contend.template operator()<MapContender<absl::flat_hash_map<Integer, Integer>>>("absl::flat_hash_map");
+  contend.template operator()<MapContender<boost::unordered_flat_map<Integer, Integer>>>("boost::flat_map");
   contend.template operator()<MapContender<tsl::robin_map<Integer, Integer>>>("tsl::robin_map");
   contend.template operator()<MapContender<google::dense_hash_map<Integer, Integer>>>("google::dense_hash_map");
 }

@@ -2,12 +2,15 @@
 //
 // All keys are odd, so that a key that is absent is an even one, next to a key that is there. std::map is the peer of
 // the same kind, a binary tree with a node an entry; absl::btree_map keeps many entries a node and moves them about, so
-// it has no stable places for values.
+// it has no stable places for values. Judy's arrays, for words alone, are tries whose nodes take the form that fits.
+
+#include <Judy.h>
 
 #include <algorithm>
 #include <chrono>
 #include <map>
 #include <numeric>
+#include <type_traits>
 #include <vector>
 
 #include "absl/container/btree_map.h"
@@ -141,6 +144,32 @@ struct MapContender {
   }
 };
 
+struct JudyContender {
+  using Integer = ULong;
+  Pvoid_t array = nullptr;
+  ~JudyContender() { JudyLFreeArray(&array, nullptr); }
+  static ULong Value(PPvoid_t place) { return place != nullptr ? *reinterpret_cast<ULong*>(place) : 0; }
+  void Insert(ULong key, ULong value) { *reinterpret_cast<ULong*>(JudyLIns(&array, key, nullptr)) = value; }
+  ULong Find(ULong key) { return Value(JudyLGet(array, key, nullptr)); }
+  void FindMany(const std::vector<ULong>& keys, std::vector<ULong>* values) {
+    for (size_t i = 0; i < keys.size(); i++) (*values)[i] = Find(keys[i]);
+  }
+  ULong Nearest(ULong key) { return JudyLFirst(array, &key, nullptr) != nullptr ? key : 0; }
+  ULong Remove(ULong key) {
+    const ULong value = Find(key);
+    JudyLDel(&array, key, nullptr);
+    return value;
+  }
+  uint64_t Sum() {
+    uint64_t sum = 0;
+    ULong key = 0;
+    for (PPvoid_t at = JudyLFirst(array, &key, nullptr); at != nullptr; at = JudyLNext(array, &key, nullptr)) {
+      sum = sum * 3 + (key ^ Value(at));
+    }
+    return sum;
+  }
+};
+
 template <typename Contender>
 void Turn(duel::Sheet& sheet, const Work<typename Contender::Integer>& work) {
   using Integer = typename Contender::Integer;
@@ -204,6 +233,9 @@ void Fill(duel::Duel& duel, const char* name, size_t count) {
   duel.Contend("std::map", [work](duel::Sheet& sheet) { Turn<MapContender<std::map<Integer, Integer>>>(sheet, work); });
   duel.Contend("absl::btree_map",
                [work](duel::Sheet& sheet) { Turn<MapContender<absl::btree_map<Integer, Integer>>>(sheet, work); });
+  if constexpr (std::is_same_v<Integer, ULong>) {
+    duel.Contend("JudyL", [work](duel::Sheet& sheet) { Turn<JudyContender>(sheet, work); });
+  }
 }
 
 }  // namespace
