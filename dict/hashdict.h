@@ -23,8 +23,8 @@
  * | `HashDictMMRead`   | nothing: the caller's mapping | `HashDictMMFree`   |
  *
  * Threads: a handle does not change after it was made, and any number of threads may look up in it at once. A handle
- * must not be prepared or released while look-ups run. Builds reset the process-wide `random()` generator and must run
- * one at a time.
+ * must not be prepared (`HashDictPrepare`, whose copy goes with the handle) or released while look-ups run. Builds
+ * reset the process-wide `random()` generator and must run one at a time.
  *
  * Trust: reading checks that the image is as long as its header says and nothing else. A damaged image gives wrong
  * answers, or ends the process with the assertion "*pc0 <= m0" or "*pc1 <= m0"; it never makes a look-up read outside

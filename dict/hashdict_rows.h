@@ -13,7 +13,7 @@
 //   8 bytes    [ 0 - 7 ]  [ - - - - - - - - ]         9 bytes    [ 0 - 7 ]  [ - - - - - - - 8 ]
 //   16 bytes   [ 0 - 7 ]  [ 8 - 15 ]                  17 bytes   [ 0 - 7 ]  [ 8 - 15 ]  [ - - - - - - - 16 ]
 //
-// Up to 16 bytes there is no branch that the length decides.
+// So all keys of 8 to 16 bytes take the same way, with no branch to be guessed.
 //
 // Rows are made by a build of many keys, which keeps them, and by HashDictPrepare; never by a look-up. They hold what
 // the image held at that time.

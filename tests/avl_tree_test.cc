@@ -23,15 +23,9 @@ class AvlTree : public testing::Test {};
 template <typename Api>
 class AvlTreeDeathTest : public testing::Test {};
 
-struct Names {
-  template <typename Api>
-  static std::string GetName(int) {
-    return std::string(Api::kModule).substr(5);
-  }
-};
 using Twins = testing::Types<support::Avll, support::Avl>;
-TYPED_TEST_SUITE(AvlTree, Twins, Names);
-TYPED_TEST_SUITE(AvlTreeDeathTest, Twins, Names);
+TYPED_TEST_SUITE(AvlTree, Twins, support::TreeNames);
+TYPED_TEST_SUITE(AvlTreeDeathTest, Twins, support::TreeNames);
 
 // A tree as text: a leaf is its key, an inner node "(left key skew right)" with < for LEFT, > for RIGHT, = for NONE,
 // and a dot for a missing child.

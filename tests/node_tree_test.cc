@@ -27,15 +27,9 @@ class OrderedDict : public testing::Test {
 template <typename Api>
 class OrderedDictDeathTest : public OrderedDict<Api> {};
 
-struct Names {
-  template <typename Api>
-  static std::string GetName(int) {
-    return std::string(Api::kModule).substr(5);
-  }
-};
 using All = testing::Types<support::Avll, support::Avl, support::Rb>;
-TYPED_TEST_SUITE(OrderedDict, All, Names);
-TYPED_TEST_SUITE(OrderedDictDeathTest, All, Names);
+TYPED_TEST_SUITE(OrderedDict, All, support::TreeNames);
+TYPED_TEST_SUITE(OrderedDictDeathTest, All, support::TreeNames);
 
 template <typename Api>
 void InsertUpTo(typename Api::Dict* dict, typename Api::Key last) {

@@ -15,13 +15,6 @@ namespace {
 using support::kTopBit;
 using support::Owned;
 
-struct Names {
-  template <typename Api>
-  static std::string GetName(int) {
-    return std::string(Api::kModule).substr(5);
-  }
-};
-
 template <typename Api>
 class TreeReads : public testing::Test {
  protected:
@@ -81,8 +74,8 @@ template <typename Api>
 class TreeReadsDeathTest : public TreeReads<Api> {};
 
 using All = testing::Types<support::Avll, support::Avl, support::Rb>;
-TYPED_TEST_SUITE(TreeReads, All, Names);
-TYPED_TEST_SUITE(TreeReadsDeathTest, All, Names);
+TYPED_TEST_SUITE(TreeReads, All, support::TreeNames);
+TYPED_TEST_SUITE(TreeReadsDeathTest, All, support::TreeNames);
 
 TYPED_TEST(TreeReads, FindNothingInAnEmptyDictionary) {
   EXPECT_EQ(TypeParam::FindShared(this->dict_.get(), 0, 7), 7u);

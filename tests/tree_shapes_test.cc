@@ -26,17 +26,10 @@ namespace {
 using support::kTopBit;
 using support::Owned;
 
-struct Names {
-  template <typename Api>
-  static std::string GetName(int) {
-    return std::string(Api::kModule).substr(5);
-  }
-};
-
 template <typename Api>
 class EverySmallTree : public testing::Test {};
 using All = testing::Types<support::Avll, support::Avl, support::Rb>;
-TYPED_TEST_SUITE(EverySmallTree, All, Names);
+TYPED_TEST_SUITE(EverySmallTree, All, support::TreeNames);
 
 // A dictionary of a few keys and its reference, which can be put back to an earlier state together.
 template <typename Api>
@@ -226,7 +219,7 @@ TYPED_TEST(EverySmallTree, TakesEveryStep) {
 template <typename Api>
 class LargeAvlTree : public testing::Test {};
 using Twins = testing::Types<support::Avll, support::Avl>;
-TYPED_TEST_SUITE(LargeAvlTree, Twins, Names);
+TYPED_TEST_SUITE(LargeAvlTree, Twins, support::TreeNames);
 
 template <typename Api>
 unsigned Height(const Owned<Api>& dict, uint32_t x) {

@@ -10,13 +10,6 @@ namespace {
 using support::kTopBit;
 using support::Owned;
 
-struct Names {
-  template <typename Api>
-  static std::string GetName(int) {
-    return std::string(Api::kModule).substr(5);
-  }
-};
-
 // 20,000 keys, 1 to 20,000, taken in steps of 7,919, each with ten times itself as its value.
 template <typename Api>
 class LargeWalk : public testing::Test {
@@ -67,9 +60,9 @@ class LargeAvlWalk : public LargeWalk<Api> {};
 
 using Twins = testing::Types<support::Avll, support::Avl>;
 using All = testing::Types<support::Avll, support::Avl, support::Rb>;
-TYPED_TEST_SUITE(LargeWalk, All, Names);
-TYPED_TEST_SUITE(LargeWalkDeathTest, All, Names);
-TYPED_TEST_SUITE(LargeAvlWalk, Twins, Names);
+TYPED_TEST_SUITE(LargeWalk, All, support::TreeNames);
+TYPED_TEST_SUITE(LargeWalkDeathTest, All, support::TreeNames);
+TYPED_TEST_SUITE(LargeAvlWalk, Twins, support::TreeNames);
 
 TYPED_TEST(LargeWalk, MeetsEveryKeyInOrder) {
   typename TestFixture::Visit up{1, false, 20001};

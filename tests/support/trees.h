@@ -20,6 +20,14 @@
 
 namespace support {
 
+// Names the instances of a typed test suite after the dictionaries.
+struct TreeNames {
+  template <typename Api>
+  static std::string GetName(int) {
+    return std::string(Api::kModule).substr(5);
+  }
+};
+
 struct Avll {
   using Dict = AVLLDict;
   using Node = AVLLDictNode;
